@@ -1,0 +1,78 @@
+// The walks over the driver's lists: local nodes, the remote nodes of one
+// local node, and FCFs. Every function that looks for a node by position or
+// by WWN goes through these.
+#ifndef MIRVAK_DRIVER_WALKS_H
+#define MIRVAK_DRIVER_WALKS_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "mirvak/driver_records.h"
+#include "mirvak/tuskstor.h"
+
+namespace mv {
+
+constexpr uint32_t kBadHandle = 0xFFFFFFFFu;
+constexpr uint32_t kEndCursor = 0xFFFFFFFFu;
+// The remote-node query with this identifier is not tied to one local node.
+constexpr uint32_t kAnyLnode = 0xFFFFFFFFu;
+
+enum class WalkEnd {
+    ChainEnd,      // the driver closed the chain
+    DriverFailed,  // a query returned non-zero; status holds it
+    Stopped,       // the visitor asked to stop
+};
+
+struct WalkResult {
+    WalkEnd end;
+    int status;    // the last driver result
+};
+
+// Local nodes, from `cursor` (0: the first). The record that carries a zero
+// lnode_handle only closes the chain and is never shown to the visitor.
+// visit(lnode_info& rec, uint64_t next_cursor, uint32_t position) -> bool
+// (false stops the walk); positions count the records shown.
+template <class Visit>
+WalkResult walk_lnodes(uint32_t handle, lnode_info& rec, Visit&& visit, uint64_t cursor = 0) {
+    for (uint32_t position = 0;; ++position) {
+        std::memset(&rec, 0, sizeof rec);
+        const int status = tusk_get_lnode_info(handle, &rec, cursor);
+        if (status != 0) return {WalkEnd::DriverFailed, status};
+        cursor = rec.lnode_handle;
+        if (cursor == 0) return {WalkEnd::ChainEnd, status};
+        if (!visit(rec, cursor, position)) return {WalkEnd::Stopped, status};
+    }
+}
+
+// Remote nodes of the local node `lnode_id`, from cursor 0xFFFFFFFF; the
+// record whose rnode_index is 0xFFFFFFFF closes the chain and is not shown.
+// visit(rnode_info& rec) -> bool.
+template <class Visit>
+WalkResult walk_rnodes(uint32_t handle, uint32_t lnode_id, rnode_info& rec, Visit&& visit) {
+    uint32_t cursor = kEndCursor;
+    for (;;) {
+        std::memset(&rec, 0, sizeof rec);
+        const int status = tusk_get_rnode_info(handle, &rec, cursor, lnode_id);
+        if (status != 0) return {WalkEnd::DriverFailed, status};
+        cursor = rec.rnode_index;
+        if (cursor == kEndCursor) return {WalkEnd::ChainEnd, status};
+        if (!visit(rec)) return {WalkEnd::Stopped, status};
+    }
+}
+
+enum class FcfFound { Found, DriverFailed, Exhausted };
+
+// Walk the FCFs on from `cursor` (0xFFFFFFFF: the first) until the one whose
+// fcf_index is `wanted`. The caller zeroes `rec` before the walk; it is not
+// cleared between queries, so after a failed query it still holds the last
+// FCF read. `cursor` is left where the walk stopped.
+FcfFound find_fcf(uint32_t handle, uint32_t wanted, fcf_info& rec, uint32_t& cursor);
+
+// A remote node is a target when its role, lower-cased in place, is "target".
+bool is_target(rnode_info& rec);
+
+inline bool wwn_equal(const uint8_t* a, const uint8_t* b) { return std::memcmp(a, b, 8) == 0; }
+
+}  // namespace mv
+
+#endif

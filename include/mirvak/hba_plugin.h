@@ -1,0 +1,59 @@
+/*
+ * The standard face of libmirvakhbaapi.so: registration and the Common HBA
+ * API entry points it places in the front library's table, with C names.
+ */
+#ifndef MIRVAK_HBA_PLUGIN_H
+#define MIRVAK_HBA_PLUGIN_H
+
+#include <time.h> /* hbaapi.h uses time_t without including it */
+
+#include <hbaapi.h>
+#include <vendorhbaapi.h>
+
+#define MV_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Registration fills the caller's table by slot index. The layout differs
+ * from the header's field order (slot 9 holds the all-ports function and
+ * everything after it moves down one slot) and agents depend on it as it
+ * is: the table must have room for at least 28 pointer-sized slots. */
+MV_API HBA_STATUS HBA_RegisterLibrary(HBA_ENTRYPOINTS* table);
+MV_API HBA_STATUS HBA_RegisterLibraryV2(HBA_ENTRYPOINTSV2* table);
+
+enum { MIRVAK_ENTRY_SLOTS = 28 };
+
+MV_API HBA_UINT32 mirvak_GetVersion(void);
+MV_API HBA_STATUS mirvak_LoadLibrary(void);
+MV_API HBA_STATUS mirvak_FreeLibrary(void);
+MV_API HBA_UINT32 mirvak_GetNumberOfAdapters(void);
+MV_API HBA_STATUS mirvak_GetAdapterName(HBA_UINT32 index, char* name);
+MV_API HBA_HANDLE mirvak_OpenAdapter(const char* name);
+MV_API HBA_STATUS mirvak_CloseAdapter(HBA_HANDLE handle);
+MV_API HBA_STATUS mirvak_GetAdapterAttributes(HBA_HANDLE handle, HBA_ADAPTERATTRIBUTES* attr);
+MV_API void mirvak_RefreshInformation(HBA_HANDLE handle);
+MV_API HBA_STATUS mirvak_GetPortStatistics(HBA_HANDLE handle, HBA_UINT32 port, HBA_PORTSTATISTICS* stats);
+
+MV_API HBA_STATUS mirvak_GetAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, HBA_PORTATTRIBUTES* attr);
+MV_API HBA_STATUS mirvak_GetAllAdapterPortsAttributes(HBA_HANDLE handle, HBA_PORTATTRIBUTES* attrs, HBA_UINT32 count);
+MV_API HBA_UINT32 mirvak_GetNumTargets(HBA_HANDLE handle, HBA_UINT32 port);
+MV_API HBA_STATUS mirvak_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, HBA_UINT32 target,
+                                                     HBA_PORTATTRIBUTES* attr);
+MV_API HBA_STATUS mirvak_GetPortAttributesByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTATTRIBUTES* attr);
+MV_API HBA_STATUS mirvak_GetFCPTargetMappingv1(HBA_HANDLE handle, void* mapping);
+MV_API HBA_STATUS mirvak_GetFCPTargetMappingv2(HBA_HANDLE handle, HBA_WWN port_wwn, void* mapping);
+MV_API HBA_STATUS mirvak_SendScsiInquiry(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 fcp_lun, HBA_UINT8 evpd,
+                                         HBA_UINT32 page, void* rsp, HBA_UINT32 rsp_size, void* sense,
+                                         HBA_UINT32 sense_size);
+MV_API HBA_STATUS mirvak_SendReportLUNs(HBA_HANDLE handle, HBA_WWN port_wwn, void* rsp, HBA_UINT32 rsp_size,
+                                        void* sense, HBA_UINT32 sense_size);
+MV_API HBA_STATUS mirvak_SendReadCapacity(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 fcp_lun, void* rsp,
+                                          HBA_UINT32 rsp_size, void* sense, HBA_UINT32 sense_size);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
