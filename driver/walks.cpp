@@ -2,12 +2,13 @@
 
 namespace mv {
 
-FcfFound find_fcf(uint32_t handle, uint32_t wanted, fcf_info& rec, uint32_t& cursor) {
+FcfResult find_fcf(uint32_t handle, uint32_t wanted, fcf_info& rec, uint32_t& cursor) {
     for (;;) {
-        if (tusk_get_fcf_info(handle, &rec, cursor) != 0) return FcfFound::DriverFailed;
+        const int status = tusk_get_fcf_info(handle, &rec, cursor);
+        if (status != 0) return {FcfFound::DriverFailed, status};
         cursor = rec.fcf_index;
-        if (cursor == kEndCursor) return FcfFound::Exhausted;
-        if (cursor == wanted) return FcfFound::Found;
+        if (cursor == kEndCursor) return {FcfFound::Exhausted, status};
+        if (cursor == wanted) return {FcfFound::Found, status};
     }
 }
 

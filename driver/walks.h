@@ -62,11 +62,16 @@ WalkResult walk_rnodes(uint32_t handle, uint32_t lnode_id, rnode_info& rec, Visi
 
 enum class FcfFound { Found, DriverFailed, Exhausted };
 
+struct FcfResult {
+    FcfFound found;
+    int status;    // the last driver result
+};
+
 // Walk the FCFs on from `cursor` (0xFFFFFFFF: the first) until the one whose
 // fcf_index is `wanted`. The caller zeroes `rec` before the walk; it is not
 // cleared between queries, so after a failed query it still holds the last
 // FCF read. `cursor` is left where the walk stopped.
-FcfFound find_fcf(uint32_t handle, uint32_t wanted, fcf_info& rec, uint32_t& cursor);
+FcfResult find_fcf(uint32_t handle, uint32_t wanted, fcf_info& rec, uint32_t& cursor);
 
 // A remote node is a target when its role, lower-cased in place, is "target".
 bool is_target(rnode_info& rec);

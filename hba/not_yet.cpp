@@ -1,17 +1,10 @@
-// Entry points whose work arrives with the port, discovered-port, mapping
+// Entry points whose work arrives with the discovered-port, mapping
 // and SCSI features. Until then they answer "not supported" without touching
 // the caller's records.
 #include "mirvak/hba_plugin.h"
 
 extern "C" {
 
-HBA_STATUS mirvak_GetAdapterPortAttributes(HBA_HANDLE, HBA_UINT32, HBA_PORTATTRIBUTES*) {
-    return HBA_STATUS_ERROR_NOT_SUPPORTED;
-}
-HBA_STATUS mirvak_GetAllAdapterPortsAttributes(HBA_HANDLE, HBA_PORTATTRIBUTES*, HBA_UINT32) {
-    return HBA_STATUS_ERROR_NOT_SUPPORTED;
-}
-HBA_UINT32 mirvak_GetNumTargets(HBA_HANDLE, HBA_UINT32) { return 0; }
 HBA_STATUS mirvak_GetDiscoveredPortAttributes(HBA_HANDLE, HBA_UINT32, HBA_UINT32, HBA_PORTATTRIBUTES*) {
     return HBA_STATUS_ERROR_NOT_SUPPORTED;
 }

@@ -42,7 +42,9 @@ void SimTest::UseDefaultFabric() {
 
 void SimTest::WriteHost(const std::string& json, const std::string& source) {
     try {
-        sim::generate_host(sim::parse_fabric_text(json, source), root_);
+        sim::HostOptions options;
+        options.plugin_path = plugin_path_;
+        sim::generate_host(sim::parse_fabric_text(json, source), root_, options);
     } catch (const std::exception& e) {
         FAIL() << e.what();
     }

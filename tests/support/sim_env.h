@@ -23,12 +23,17 @@ protected:
     void UseFabric(const std::string& json);
     void UseDefaultFabric();
 
+    // Have the simulated host's /etc/hba.conf register this plug-in (takes
+    // effect with the next UseFabric).
+    void RegisterPlugin(const std::string& path) { plugin_path_ = path; }
+
     // Where the simulated host lives for this test.
     const std::string& root() const { return root_; }
 
 private:
     void WriteHost(const std::string& json, const std::string& source);
     std::string root_;
+    std::string plugin_path_;
 };
 
 // Run fn and return what it printed on standard output.

@@ -147,7 +147,7 @@ TEST_F(WalksTest, FindFcfStopsAtTheWantedIndex) {
     Open();
     fcf_info rec{};
     uint32_t cursor = mv::kEndCursor;
-    EXPECT_EQ(mv::find_fcf(handle, 9, rec, cursor), mv::FcfFound::Found);
+    EXPECT_EQ(mv::find_fcf(handle, 9, rec, cursor).found, mv::FcfFound::Found);
     EXPECT_EQ(rec.vlan_id, 20);
     EXPECT_EQ(cursor, 9u);
 }
@@ -157,7 +157,7 @@ TEST_F(WalksTest, FindFcfRunsOutAtTheClosingRecord) {
     Open();
     fcf_info rec{};
     uint32_t cursor = mv::kEndCursor;
-    EXPECT_EQ(mv::find_fcf(handle, 3, rec, cursor), mv::FcfFound::Exhausted);
+    EXPECT_EQ(mv::find_fcf(handle, 3, rec, cursor).found, mv::FcfFound::Exhausted);
     EXPECT_EQ(cursor, mv::kEndCursor);
     EXPECT_EQ(testenv::Calls("tusk_get_fcf_info"), 3u);
 }
@@ -168,7 +168,9 @@ TEST_F(WalksTest, FindFcfKeepsTheLastRecordAfterAFailedQuery) {
     tusksim_add_fault("tusk_get_fcf_info", 2, 4, 0);
     fcf_info rec{};
     uint32_t cursor = mv::kEndCursor;
-    EXPECT_EQ(mv::find_fcf(handle, 9, rec, cursor), mv::FcfFound::DriverFailed);
+    const mv::FcfResult r = mv::find_fcf(handle, 9, rec, cursor);
+    EXPECT_EQ(r.found, mv::FcfFound::DriverFailed);
+    EXPECT_EQ(r.status, 4);
     EXPECT_EQ(rec.vlan_id, 10);
     EXPECT_EQ(cursor, 7u);
 }

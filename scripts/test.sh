@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Every test: install what is needed, build, run the suite; then build again
+# with AddressSanitizer and UndefinedBehaviorSanitizer and run the suite
+# under them (any report fails). --quick skips the sanitizer pass.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+scripts/build.sh
+(cd build && ctest --output-on-failure -j"$(nproc)")
+
+if [ "${1:-}" != "--quick" ]; then
+  scripts/build.sh --sanitize
+  export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:halt_on_error=1
+  export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  (cd build-asan && ctest --output-on-failure -j"$(nproc)")
+fi

@@ -1,0 +1,19 @@
+// What the program reports, gathered once as JSON and printed either as
+// JSON or as text for people.
+#ifndef MIRVAK_TOOLS_OUTPUT_H
+#define MIRVAK_TOOLS_OUTPUT_H
+
+#include <cstdio>
+
+#include <nlohmann/json.hpp>
+
+#include "plugin_loader.h"
+
+// Every adapter the plug-in names, with its attributes and its ports.
+nlohmann::json gather_adapters(const PluginLoader& plugin);
+
+void print_adapters_text(std::FILE* out, const nlohmann::json& adapters);
+
+std::string format_wwn(const HBA_WWN& w);  // "20:00:00:07:43:00:1a:2b"
+
+#endif

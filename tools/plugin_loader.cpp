@@ -1,0 +1,54 @@
+#include "plugin_loader.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace {
+// Slots of the table the plug-in fills.
+enum Slot : unsigned {
+    kLoad = 1, kFree = 2, kCount = 3, kName = 4, kOpen = 5, kClose = 6,
+    kAdapterAttributes = 7, kPortAttributes = 8,
+};
+}  // namespace
+
+PluginLoader::PluginLoader(const std::string& path) {
+    lib_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (lib_ == nullptr) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
+    auto reg = reinterpret_cast<HBARegisterLibraryV2Func>(dlsym(lib_, "HBA_RegisterLibraryV2"));
+    if (reg == nullptr) {
+        dlclose(lib_);
+        throw std::runtime_error(path + ": no HBA_RegisterLibraryV2");
+    }
+    reg(reinterpret_cast<HBA_ENTRYPOINTSV2*>(slots_));
+}
+
+PluginLoader::~PluginLoader() { dlclose(lib_); }
+
+std::string PluginLoader::default_path() {
+    char self[PATH_MAX] = {};
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return "libmirvakhbaapi.so";
+    std::string dir(self, static_cast<size_t>(n));
+    dir.erase(dir.find_last_of('/'));
+    return dir + "/../lib/libmirvakhbaapi.so";
+}
+
+HBA_STATUS PluginLoader::load() const { return slot<HBALoadLibraryFunc>(kLoad)(); }
+HBA_STATUS PluginLoader::free() const { return slot<HBAFreeLibraryFunc>(kFree)(); }
+HBA_UINT32 PluginLoader::adapter_count() const { return slot<HBAGetNumberOfAdaptersFunc>(kCount)(); }
+HBA_STATUS PluginLoader::adapter_name(HBA_UINT32 index, char* name) const {
+    return slot<HBAGetAdapterNameFunc>(kName)(index, name);
+}
+HBA_HANDLE PluginLoader::open(const char* name) const {
+    return slot<HBAOpenAdapterFunc>(kOpen)(const_cast<char*>(name));
+}
+void PluginLoader::close(HBA_HANDLE h) const { slot<HBACloseAdapterFunc>(kClose)(h); }
+HBA_STATUS PluginLoader::adapter_attributes(HBA_HANDLE h, HBA_ADAPTERATTRIBUTES* a) const {
+    return slot<HBAGetAdapterAttributesFunc>(kAdapterAttributes)(h, a);
+}
+HBA_STATUS PluginLoader::port_attributes(HBA_HANDLE h, HBA_UINT32 port, HBA_PORTATTRIBUTES* a) const {
+    return slot<HBAGetAdapterPortAttributesFunc>(kPortAttributes)(h, port, a);
+}
