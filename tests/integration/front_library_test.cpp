@@ -47,6 +47,7 @@ TEST_F(FrontLibrary, CountsTheSimulatedAdapters) {
 }
 
 TEST_F(FrontLibrary, NamesTheAdaptersByDevicePath) {
+    ASSERT_EQ(HBA_GetNumberOfAdapters(), 2u);
     EXPECT_NE(Name(0).find("/dev/tuskstor2"), std::string::npos) << Name(0);
     EXPECT_NE(Name(1).find("/dev/tuskstor5"), std::string::npos) << Name(1);
 }
@@ -54,10 +55,10 @@ TEST_F(FrontLibrary, NamesTheAdaptersByDevicePath) {
 TEST_F(FrontLibrary, ReadsAdapterAttributesThroughTheOpenHandle) {
     HBA_GetNumberOfAdapters();
     const HBA_HANDLE h = HBA_OpenAdapter(const_cast<char*>(Name(0).c_str()));
-    ASSERT_NE(h, 0u);
+    ASSERT_NE(h, 0u) << Name(0);
     HBA_ADAPTERATTRIBUTES attr;
     std::memset(&attr, 0, sizeof attr);
-    EXPECT_EQ(HBA_GetAdapterAttributes(h, &attr), HBA_STATUS_OK);
+    EXPECT_EQ(HBA_GetAdapterAttributes(h, &attr), HBA_STATUS_OK) << Name(0) << " handle " << h;
     EXPECT_STREQ(attr.Manufacturer, "Mirvak Systems");
     EXPECT_STREQ(attr.Model, "MV-2210");
     EXPECT_STREQ(attr.SerialNumber, "SN-A");

@@ -108,6 +108,7 @@ protected:
         AdapterTest::SetUp();
         handle = mirvak_OpenAdapter("/dev/tuskstor1");
         ASSERT_NE(handle, 0xFFFFFFFFu);
+        testenv::ResetCalls();
         Fill(&attr, sizeof attr);
     }
     void TearDown() override {
@@ -181,7 +182,7 @@ TEST_F(AdapterAttributesTest, DriverTextsWithoutNulStopAtTheirField) {
     // 32 letters at offset 0 (manufacturer) and at 32 (model): no NUL in
     // either field.
     std::string hex;
-    for (int i = 0; i < 64; ++i) hex += (i < 32 ? "41 " : "42 ");
+    for (int i = 0; i < 64; ++i) hex += (i == 0 ? "" : " ") + std::string(i < 32 ? "41" : "42");
     UseFabric(R"({"adapters":[{"instance":1,"hw":{"ports":[{}],"raw":[{"offset":0,"hex":")" + hex +
               R"("}]}}]})");
     const HBA_HANDLE h = mirvak_OpenAdapter("/dev/tuskstor1");

@@ -106,8 +106,8 @@ TEST_F(PortAttributesTest, UninitPortGetsStateAndWwnsOnly) {
     EXPECT_EQ(std::memcmp(attr.PortWWN.wwn, kWwn, 8), 0);
     EXPECT_EQ(std::memcmp(attr.NodeWWN.wwn, kNode, 8), 0);
     const auto* bytes = reinterpret_cast<const uint8_t*>(&attr);
-    EXPECT_TRUE(Untouched(bytes + 16, 4));  // PortFcId
-    EXPECT_TRUE(Untouched(bytes + 24, sizeof attr - 24));
+    EXPECT_TRUE(Untouched(bytes + 16, 8));  // PortFcId, PortType
+    EXPECT_TRUE(Untouched(bytes + 28, sizeof attr - 28));
     EXPECT_EQ(Calls("tusk_get_fcf_info"), 0u);
     EXPECT_EQ(Calls("tusk_get_hw_info"), 0u);
 }
@@ -254,7 +254,7 @@ TEST_F(PortAttributesTest, LaterPositionsAreNotMovedByTheLookAhead) {
 
 TEST_F(PortAttributesTest, StateWithoutNulIsNotReadPastItsField) {
     std::string hex;
-    for (int i = 0; i < 32; ++i) hex += "52 ";  // 32 'R's, no NUL
+    for (int i = 0; i < 32; ++i) hex += i == 0 ? "52" : " 52";  // 32 'R's, no NUL
     Use(R"({"port_wwn":"2000000743001a2b","scsi_host":3,"raw":[{"offset":1601,"hex":")" + hex + R"("}]})");
     EXPECT_EQ(Get(0), 0u);
     EXPECT_EQ(attr.PortState, 3u);

@@ -127,7 +127,7 @@ TEST_F(WalksTest, ARemoteChainThatStartsWithTheClosingRecordHasNoNodes) {
 TEST_F(WalksTest, RoleWithoutNulStaysInsideItsField) {
     // 48 'T's fill the role field with no terminating NUL.
     std::string hex;
-    for (int i = 0; i < 48; ++i) hex += "54 ";
+    for (int i = 0; i < 48; ++i) hex += i == 0 ? "54" : " 54";
     UseFabric(std::string(R"({"adapters":[{"instance":2,"hw":{"ports":[{}]},"lnodes":[{"lnode_id":5,
       "rnodes":[{"raw":[{"offset":13,"hex":")") + hex + R"("}]}]}]}]})");
     Open();
