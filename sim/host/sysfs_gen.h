@@ -10,11 +10,9 @@
 #include <vector>
 
 #include "fabric.h"
+#include "redirect.h"  // sim::kRootEnv
 
 namespace sim {
-
-// Environment variable naming the root folder; unset means no redirection.
-constexpr const char* kRootEnv = "MIRVAK_SIM_ROOT";
 
 struct HostOptions {
     // When set, root/etc/hba.conf registers this plug-in path (for the HBA

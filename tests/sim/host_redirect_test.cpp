@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -210,6 +211,32 @@ TEST_F(HostRedirect, StatFamilySeesTheGeneratedTree) {
     struct statx stx {};
     ASSERT_EQ(statx(AT_FDCWD, kPortName, 0, STATX_SIZE, &stx), 0);
     EXPECT_EQ(stx.stx_size, 19u);
+}
+
+// The attribute queries of "ls -l": an existing file answers "no such
+// attribute" (or "not supported"), never "no such file".
+TEST_F(HostRedirect, ExtendedAttributeQueriesSeeTheGeneratedTree) {
+    char value[64];
+    errno = 0;
+    EXPECT_EQ(getxattr(kPortName, "user.mirvak", value, sizeof value), -1);
+    EXPECT_NE(errno, ENOENT);
+    errno = 0;
+    EXPECT_EQ(lgetxattr(kPortName, "user.mirvak", value, sizeof value), -1);
+    EXPECT_NE(errno, ENOENT);
+    char list[256];
+    errno = 0;
+    if (listxattr(kPortName, list, sizeof list) < 0) {
+        EXPECT_NE(errno, ENOENT);
+    }
+    errno = 0;
+    if (llistxattr(kHost, list, sizeof list) < 0) {
+        EXPECT_NE(errno, ENOENT);
+    }
+
+    const std::string missing = std::string(kHost) + "/missing";
+    errno = 0;
+    EXPECT_EQ(listxattr(missing.c_str(), list, sizeof list), -1);
+    EXPECT_EQ(errno, ENOENT);
 }
 
 #if defined(__x86_64__)

@@ -1,0 +1,353 @@
+// Path redirector of the simulated host
+// =====================================
+//
+// The plug-in reads the SCSI host view from fixed sysfs paths and the HBA API
+// front library reads the fixed /etc/hba.conf. To run both unmodified against
+// a generated tree (see sysfs_gen.h), this object rewrites those fixed paths
+// onto a private root folder:
+//
+//   MIRVAK_SIM_ROOT=/tmp/simroot
+//   /sys/class/fc_host/host3/port_name -> /tmp/simroot/sys/class/fc_host/host3/port_name
+//   /etc/hba.conf                      -> /tmp/simroot/etc/hba.conf
+//
+// Rules
+//   - The variable is read on every call: setting, changing or unsetting it
+//     takes effect at once. Unset or empty: nothing is redirected.
+//   - Only absolute paths are considered, and they are matched on component
+//     boundaries against the prefix table below: a "tree" entry covers the
+//     path itself and everything below it ("/sys/class/fc_hostX" is not
+//     covered), a "file" entry only the path itself. Paths are taken as
+//     written: "/sys//class/fc_host" or ".." components are not normalised.
+//     Relative paths (also those given to the *at() forms) pass untouched;
+//     a directory descriptor opened through the redirector already points
+//     into the root.
+//   - ROOT + path must fit into PATH_MAX bytes; otherwise the call fails with
+//     ENAMETOOLONG and the real function is not called.
+//   - Everything else is handed to the next definition of the function
+//     (libc's, or a sanitizer's interceptor), found with dlsym(RTLD_NEXT) on
+//     first use and cached; no allocation besides a stack buffer.
+//
+// Intercepted: open, open64, openat, openat64, __open_2, __open64_2,
+// __openat_2, __openat64_2, fopen, fopen64, opendir, access, faccessat,
+// stat, lstat, stat64, lstat64, fstatat, fstatat64, statx, and the older
+// glibc entry points __xstat, __lxstat, __xstat64, __lxstat64, __fxstatat,
+// __fxstatat64 that binaries built before glibc 2.33 call, and getxattr,
+// lgetxattr, listxattr, llistxattr (what "ls -l" asks). glibc's own
+// fopen and opendir do not go through the public open, which is why they are
+// intercepted themselves.
+//
+// Two ways to use it
+//   - LD_PRELOAD=libmirvaksimhost.so (what "mirvak-simhost run" sets up).
+//   - Linked into a test program (the simhost_redirect object library): the
+//     program's definitions then interpose for every shared library it loads,
+//     the plug-in and the front library included. The effect is process-wide,
+//     so tests set MIRVAK_SIM_ROOT only for as long as they need it.
+//
+// Adding a system path means adding one line to kPrefixes.
+
+#undef _FORTIFY_SOURCE  // the fortified inline wrappers would clash with the definitions below
+
+#include "redirect.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
+
+// Entry points that glibc exports but no longer declares (or declares only
+// for fortified builds).
+extern "C" {
+int __open_2(const char* path, int flags);
+int __open64_2(const char* path, int flags);
+int __openat_2(int dirfd, const char* path, int flags);
+int __openat64_2(int dirfd, const char* path, int flags);
+int __xstat(int ver, const char* path, struct stat* buf);
+int __lxstat(int ver, const char* path, struct stat* buf);
+int __xstat64(int ver, const char* path, struct stat64* buf);
+int __lxstat64(int ver, const char* path, struct stat64* buf);
+int __fxstatat(int ver, int dirfd, const char* path, struct stat* buf, int flags);
+int __fxstatat64(int ver, int dirfd, const char* path, struct stat64* buf, int flags);
+}
+
+namespace {
+
+// The redirected system paths.
+struct Prefix {
+    const char* path;
+    std::size_t len;
+    bool tree;  // also everything below it
+};
+
+template <std::size_t N>
+constexpr Prefix tree(const char (&p)[N]) { return {p, N - 1, true}; }
+template <std::size_t N>
+constexpr Prefix file(const char (&p)[N]) { return {p, N - 1, false}; }
+
+constexpr Prefix kPrefixes[] = {
+    tree("/sys/class/fc_host"),
+    file("/etc/hba.conf"),
+};
+
+bool redirected(const char* path) {
+    for (const Prefix& p : kPrefixes) {
+        if (strncmp(path, p.path, p.len) != 0) continue;
+        const char next = path[p.len];
+        if (next == '\0' || (p.tree && next == '/')) return true;
+    }
+    return false;
+}
+
+// Symbol versions under which glibc keeps entry points it no longer offers
+// by default (the __xstat family), tried when the plain lookup fails.
+constexpr const char* kLegacyVersions[] = {
+#if defined(__x86_64__)
+    "GLIBC_2.2.5", "GLIBC_2.4", "GLIBC_2.7",
+#elif defined(__aarch64__)
+    "GLIBC_2.17",
+#elif defined(__i386__)
+    "GLIBC_2.0", "GLIBC_2.1", "GLIBC_2.2", "GLIBC_2.4", "GLIBC_2.7",
+#endif
+    nullptr,
+};
+
+// The next definition of `name` after this object, looked up once. Racing
+// first calls store the same value, so a plain atomic is enough.
+void* next_symbol(std::atomic<void*>& slot, const char* name) {
+    void* fn = slot.load(std::memory_order_acquire);
+    if (fn != nullptr) return fn;
+    fn = dlsym(RTLD_NEXT, name);
+    for (const char* const* v = kLegacyVersions; fn == nullptr && *v != nullptr; ++v)
+        fn = dlvsym(RTLD_NEXT, name, *v);
+    slot.store(fn, std::memory_order_release);
+    return fn;
+}
+
+// The next definition of the intercepted function fn, typed like it.
+#define MIRVAK_NEXT(fn)                                                       \
+    reinterpret_cast<decltype(&fn)>(next_symbol(                              \
+        []() -> std::atomic<void*>& {                                         \
+            static std::atomic<void*> slot{nullptr};                          \
+            return slot;                                                      \
+        }(),                                                                  \
+        #fn))
+
+// Calls real(mapped path) for the intercepted function; `failed` is its
+// error result (with errno set) when the path cannot be mapped or the next
+// definition is missing.
+template <typename R, typename Fn, typename Call>
+R forward(Fn real, const char* path, R failed, Call call) {
+    if (real == nullptr) {
+        errno = ENOSYS;
+        return failed;
+    }
+    char buf[PATH_MAX];
+    const char* mapped = mirvak_sim_map_path(path, buf, sizeof buf);
+    if (mapped == nullptr) return failed;
+    return call(real, mapped);
+}
+
+// Whether open/openat were given the optional mode argument.
+constexpr bool takes_mode(int flags) {
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+}  // namespace
+
+extern "C" const char* mirvak_sim_map_path(const char* path, char* buf, std::size_t size) {
+    if (path == nullptr || path[0] != '/') return path;
+    const char* root = getenv(sim::kRootEnv);
+    if (root == nullptr || root[0] == '\0' || !redirected(path)) return path;
+    const std::size_t root_len = strlen(root);
+    const std::size_t path_len = strlen(path);
+    if (root_len + path_len >= size) {
+        errno = ENAMETOOLONG;
+        return nullptr;
+    }
+    memcpy(buf, root, root_len);
+    memcpy(buf + root_len, path, path_len + 1);
+    return buf;
+}
+
+// The optional mode argument of open and openat (read only when present).
+#define MIRVAK_MODE_ARG(flags, mode)           \
+    do {                                       \
+        if (takes_mode(flags)) {               \
+            va_list ap;                        \
+            va_start(ap, flags);               \
+            (mode) = va_arg(ap, mode_t);       \
+            va_end(ap);                        \
+        }                                      \
+    } while (0)
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    mode_t mode = 0;
+    MIRVAK_MODE_ARG(flags, mode);
+    return forward(MIRVAK_NEXT(open), path, -1,
+                   [&](auto real, const char* p) { return real(p, flags, mode); });
+}
+
+int open64(const char* path, int flags, ...) {
+    mode_t mode = 0;
+    MIRVAK_MODE_ARG(flags, mode);
+    return forward(MIRVAK_NEXT(open64), path, -1,
+                   [&](auto real, const char* p) { return real(p, flags, mode); });
+}
+
+int openat(int dirfd, const char* path, int flags, ...) {
+    mode_t mode = 0;
+    MIRVAK_MODE_ARG(flags, mode);
+    return forward(MIRVAK_NEXT(openat), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, flags, mode); });
+}
+
+int openat64(int dirfd, const char* path, int flags, ...) {
+    mode_t mode = 0;
+    MIRVAK_MODE_ARG(flags, mode);
+    return forward(MIRVAK_NEXT(openat64), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, flags, mode); });
+}
+
+int __open_2(const char* path, int flags) {
+    return forward(MIRVAK_NEXT(__open_2), path, -1,
+                   [&](auto real, const char* p) { return real(p, flags); });
+}
+
+int __open64_2(const char* path, int flags) {
+    return forward(MIRVAK_NEXT(__open64_2), path, -1,
+                   [&](auto real, const char* p) { return real(p, flags); });
+}
+
+int __openat_2(int dirfd, const char* path, int flags) {
+    return forward(MIRVAK_NEXT(__openat_2), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, flags); });
+}
+
+int __openat64_2(int dirfd, const char* path, int flags) {
+    return forward(MIRVAK_NEXT(__openat64_2), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, flags); });
+}
+
+FILE* fopen(const char* path, const char* mode) {
+    return forward(MIRVAK_NEXT(fopen), path, static_cast<FILE*>(nullptr),
+                   [&](auto real, const char* p) { return real(p, mode); });
+}
+
+FILE* fopen64(const char* path, const char* mode) {
+    return forward(MIRVAK_NEXT(fopen64), path, static_cast<FILE*>(nullptr),
+                   [&](auto real, const char* p) { return real(p, mode); });
+}
+
+DIR* opendir(const char* path) {
+    return forward(MIRVAK_NEXT(opendir), path, static_cast<DIR*>(nullptr),
+                   [&](auto real, const char* p) { return real(p); });
+}
+
+int access(const char* path, int mode) noexcept {
+    return forward(MIRVAK_NEXT(access), path, -1,
+                   [&](auto real, const char* p) { return real(p, mode); });
+}
+
+int faccessat(int dirfd, const char* path, int mode, int flags) noexcept {
+    return forward(MIRVAK_NEXT(faccessat), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, mode, flags); });
+}
+
+int stat(const char* path, struct stat* buf) noexcept {
+    return forward(MIRVAK_NEXT(stat), path, -1,
+                   [&](auto real, const char* p) { return real(p, buf); });
+}
+
+int lstat(const char* path, struct stat* buf) noexcept {
+    return forward(MIRVAK_NEXT(lstat), path, -1,
+                   [&](auto real, const char* p) { return real(p, buf); });
+}
+
+int stat64(const char* path, struct stat64* buf) noexcept {
+    return forward(MIRVAK_NEXT(stat64), path, -1,
+                   [&](auto real, const char* p) { return real(p, buf); });
+}
+
+int lstat64(const char* path, struct stat64* buf) noexcept {
+    return forward(MIRVAK_NEXT(lstat64), path, -1,
+                   [&](auto real, const char* p) { return real(p, buf); });
+}
+
+int fstatat(int dirfd, const char* path, struct stat* buf, int flags) noexcept {
+    return forward(MIRVAK_NEXT(fstatat), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, buf, flags); });
+}
+
+int fstatat64(int dirfd, const char* path, struct stat64* buf, int flags) noexcept {
+    return forward(MIRVAK_NEXT(fstatat64), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, buf, flags); });
+}
+
+int statx(int dirfd, const char* path, int flags, unsigned int mask, struct statx* buf) noexcept {
+    return forward(MIRVAK_NEXT(statx), path, -1,
+                   [&](auto real, const char* p) { return real(dirfd, p, flags, mask, buf); });
+}
+
+int __xstat(int ver, const char* path, struct stat* buf) {
+    return forward(MIRVAK_NEXT(__xstat), path, -1,
+                   [&](auto real, const char* p) { return real(ver, p, buf); });
+}
+
+int __lxstat(int ver, const char* path, struct stat* buf) {
+    return forward(MIRVAK_NEXT(__lxstat), path, -1,
+                   [&](auto real, const char* p) { return real(ver, p, buf); });
+}
+
+int __xstat64(int ver, const char* path, struct stat64* buf) {
+    return forward(MIRVAK_NEXT(__xstat64), path, -1,
+                   [&](auto real, const char* p) { return real(ver, p, buf); });
+}
+
+int __lxstat64(int ver, const char* path, struct stat64* buf) {
+    return forward(MIRVAK_NEXT(__lxstat64), path, -1,
+                   [&](auto real, const char* p) { return real(ver, p, buf); });
+}
+
+int __fxstatat(int ver, int dirfd, const char* path, struct stat* buf, int flags) {
+    return forward(MIRVAK_NEXT(__fxstatat), path, -1,
+                   [&](auto real, const char* p) { return real(ver, dirfd, p, buf, flags); });
+}
+
+int __fxstatat64(int ver, int dirfd, const char* path, struct stat64* buf, int flags) {
+    return forward(MIRVAK_NEXT(__fxstatat64), path, -1,
+                   [&](auto real, const char* p) { return real(ver, dirfd, p, buf, flags); });
+}
+
+ssize_t getxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+    return forward(MIRVAK_NEXT(getxattr), path, ssize_t{-1},
+                   [&](auto real, const char* p) { return real(p, name, value, size); });
+}
+
+ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+    return forward(MIRVAK_NEXT(lgetxattr), path, ssize_t{-1},
+                   [&](auto real, const char* p) { return real(p, name, value, size); });
+}
+
+ssize_t listxattr(const char* path, char* list, size_t size) noexcept {
+    return forward(MIRVAK_NEXT(listxattr), path, ssize_t{-1},
+                   [&](auto real, const char* p) { return real(p, list, size); });
+}
+
+ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
+    return forward(MIRVAK_NEXT(llistxattr), path, ssize_t{-1},
+                   [&](auto real, const char* p) { return real(p, list, size); });
+}
+
+}  // extern "C"
