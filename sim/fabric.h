@@ -78,7 +78,9 @@ struct LocalNode {
     Mac mac{};
     uint32_t fcid = 0;
     uint8_t flag = 0;                     // byte at 27
-    uint32_t word_28 = 0;
+    // Value at 28: the number of virtual ports of this port. Default: the
+    // count tusk_list_npiv_port reports for its WWPN (0 for a virtual port).
+    std::optional<uint32_t> word_28;
     Wwn port_wwn{};
     Wwn node_wwn{};
     std::array<uint8_t, 4> cos{};
@@ -98,6 +100,12 @@ struct LocalNode {
     // (e.g. a second attribute whose name ends in "port_name").
     std::vector<std::pair<std::string, std::string>> sysfs_attrs;
     std::vector<RemoteNode> rnodes;
+    // Physical port only: the count tusk_list_npiv_port reports, whatever
+    // the number of entries it writes; default: the number of virtual ports.
+    std::optional<uint32_t> npiv_reported_count;
+    // Physical port only: the remote nodes a virtual port created on it
+    // sees; when empty, the adapter's npiv_template is used.
+    std::vector<RemoteNode> npiv_template;
 };
 
 struct Fcf {
@@ -143,7 +151,18 @@ struct Adapter {
     std::vector<LocalNode> lnodes;        // the local-node chain, in order
     std::vector<RawPatch> closing_lnode;  // bytes of the record that closes the chain
     NpivPolicy npiv;
+    // Remote nodes of a virtual port created on a physical port that has no
+    // npiv_template of its own.
+    std::vector<RemoteNode> npiv_template;
 };
+
+// The twelve operations of the driver library, by name: the names that call
+// counts and faults use.
+inline constexpr std::array<const char*, 12> kOperationNames = {
+    "open_adapter", "open_adapter_str", "close_adapter", "tusk_probe_adapter",
+    "tusk_get_hw_info", "tusk_get_lnode_info", "tusk_get_lnode_info_by_fcid",
+    "tusk_get_rnode_info", "tusk_get_fcf_info", "tusk_list_npiv_port",
+    "tusk_create_npiv_port", "tusk_delete_npiv_port"};
 
 struct Fault {
     std::string op;       // operation name, e.g. "tusk_get_lnode_info"
@@ -164,11 +183,32 @@ struct FabricError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Field-by-field equality (a description and its round trip compare equal).
+#define MV_SIM_EQUALITY(T)                       \
+    bool operator==(const T& a, const T& b);     \
+    inline bool operator!=(const T& a, const T& b) { return !(a == b); }
+MV_SIM_EQUALITY(RawPatch)
+MV_SIM_EQUALITY(Designator)
+MV_SIM_EQUALITY(Lun)
+MV_SIM_EQUALITY(RemoteNode)
+MV_SIM_EQUALITY(LocalNode)
+MV_SIM_EQUALITY(Fcf)
+MV_SIM_EQUALITY(HwPort)
+MV_SIM_EQUALITY(Hw)
+MV_SIM_EQUALITY(NpivPolicy)
+MV_SIM_EQUALITY(Adapter)
+MV_SIM_EQUALITY(Fault)
+MV_SIM_EQUALITY(Fabric)
+#undef MV_SIM_EQUALITY
+
+// Largest description file load_fabric_file reads.
+constexpr std::size_t kMaxFabricFileBytes = 16u << 20;
+
 Fabric parse_fabric(const nlohmann::json& doc, const std::string& source);
 Fabric parse_fabric_text(const std::string& text, const std::string& source);
 Fabric load_fabric_file(const std::string& path);
 nlohmann::json fabric_to_json(const Fabric& f);
-const char* default_fabric_text();
+const char* default_fabric_text();   // sim/default_fabric.json, built in
 
 std::string wwn_to_hex(const Wwn& w);             // "2000000743001a2b"
 std::optional<Wwn> parse_wwn(const std::string& text);  // 16 hex digits, colons allowed

@@ -78,6 +78,9 @@ TEST_F(DefaultFabric, StaleOfflineEntryStandsJustBeforeItsLiveEntry) {
     EXPECT_EQ(l[1].state, "OFFLINE");
     EXPECT_EQ(l[2].state, "READY");
     EXPECT_EQ(l[1].port_wwn, l[2].port_wwn);
+    // The host publishes the live entry's fc_host, not the stale one's.
+    EXPECT_EQ(l[1].scsi_host, std::optional<int>(-1));
+    EXPECT_FALSE(l[2].scsi_host.has_value());
     EXPECT_EQ(sim::wwn_to_hex(l[2].port_wwn), "2100001b9ea10001");
 }
 

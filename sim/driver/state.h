@@ -1,0 +1,93 @@
+// The simulated driver library's state: the fabric in force, where it came
+// from, the open handles, call counts and faults. One instance per process;
+// every entry point takes its lock.
+#ifndef MIRVAK_SIM_DRIVER_STATE_H
+#define MIRVAK_SIM_DRIVER_STATE_H
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fabric.h"
+
+namespace tusksim {
+
+// Environment variable naming the description file loaded at first use.
+constexpr const char* kFabricEnv = "MIRVAK_SIM_FABRIC";
+
+// The operations, in the order of sim::kOperationNames.
+enum class Op : std::size_t {
+    OpenAdapter, OpenAdapterStr, CloseAdapter, ProbeAdapter, GetHwInfo, GetLnodeInfo,
+    GetLnodeInfoByFcid, GetRnodeInfo, GetFcfInfo, ListNpivPort, CreateNpivPort, DeleteNpivPort
+};
+constexpr std::size_t kOpCount = sim::kOperationNames.size();
+std::optional<Op> op_by_name(const char* name);
+
+constexpr uint32_t kFirstHandle = 3;
+constexpr uint32_t kLastHandle = 0xFFFF;
+
+class Driver {
+public:
+    std::mutex& mutex() { return mutex_; }
+
+    // Loading. persist_path names the file that NPIV changes are written
+    // back to (empty: none). The description's faults replace those in force.
+    void install(sim::Fabric f, std::string persist_path);
+    // What first use does: the file named by MIRVAK_SIM_FABRIC, else the
+    // default. A description that cannot be used is reported on standard
+    // error and leaves a fabric without adapters; the result is then -1.
+    int load_from_environment();
+    void ensure_loaded();
+
+    sim::Fabric& fabric() { return fabric_; }
+    // Write the fabric back to the file it came from, if any: 0 or kIoError.
+    int persist();
+
+    // Counts a call of op; when a fault hits it, the status to return.
+    std::optional<int> enter(Op op);
+    uint64_t calls(Op op) const { return calls_[static_cast<std::size_t>(op)]; }
+    uint64_t total_calls() const;
+    void reset_counts() { calls_.fill(0); }
+    void add_fault(Op op, uint32_t nth, int status, bool every);
+    void clear_faults() { faults_.clear(); }
+
+    // Handles: open answers TUSK_INVALID_HANDLE when no adapter has the instance.
+    uint32_t open(uint32_t instance);
+    bool close(uint32_t handle);
+    // The adapter behind an open handle, or nullptr with the status to return.
+    sim::Adapter* adapter(uint32_t handle, int& status);
+    std::size_t open_handles() const { return handles_.size(); }
+
+    std::string& dump_buffer() { return dump_; }
+
+private:
+    struct ActiveFault {
+        Op op;
+        uint32_t nth;
+        int status;
+        bool every;
+        uint64_t seen = 0;
+    };
+
+    std::mutex mutex_;
+    bool loaded_ = false;
+    sim::Fabric fabric_;
+    std::string persist_path_;
+    std::array<uint64_t, kOpCount> calls_{};
+    std::vector<ActiveFault> faults_;
+    std::map<uint32_t, uint32_t> handles_;  // handle -> adapter instance
+    // Handles look like the descriptors the real driver hands out: small
+    // numbers (the HBA API front library keeps only a handle's low 16 bits).
+    uint32_t next_handle_ = kFirstHandle;
+    std::string dump_;
+};
+
+Driver& driver();
+
+}  // namespace tusksim
+
+#endif
