@@ -5,6 +5,6 @@
 # Arguments go to the command-line program, e.g. scripts/run.sh --json
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
-scripts/build.sh
+scripts/install-deps.sh >&2
+scripts/build.sh >&2   # keep standard output for the answer (JSON stays parseable)
 exec build/bin/mirvak-simhost run -- build/bin/mirvak-hba "$@"
