@@ -1,0 +1,74 @@
+// The extended management interface of libmirvakhbaapi.so: extended adapter
+// and port attributes, and port and remote-port statistics, over the records
+// of mirvak/mgmt_records.h. C++ names (ordinary overloadable functions).
+//
+// Every function takes a driver handle from mirvak_OpenAdapter and answers
+// the failed handle 0xFFFFFFFF with 0xFFFFFFFF before any driver call.
+// Results are unsigned 32-bit statuses: 0 success, 1 error, 5 illegal WWN,
+// 6 illegal index, 100 the local port is "OFFLINE" or "UNINIT", or the
+// driver library's own non-zero result, unchanged.
+#ifndef MIRVAK_MGMT_H
+#define MIRVAK_MGMT_H
+
+#include <cstdint>
+
+#include "mirvak/hba_plugin.h"
+#include "mirvak/mgmt_records.h"
+
+// Status of a local port that is "OFFLINE" or "UNINIT".
+constexpr HBA_UINT32 MIRVAK_STATUS_PORT_OFFLINE = 100;
+
+// ---- Extended adapter and port attributes ----
+
+// The driver's hardware fields of the adapter: everything but instance,
+// adapter_name and attributes, which stay as the caller set them.
+MV_API HBA_UINT32 mirvak_GetKXAdapterAttributes(HBA_HANDLE handle, adapter_info* info);
+
+// The FCoE fields of the local port at this position in the driver's list
+// (MACs, FCF index, VLAN id, node identifiers). The caller fills
+// attributes.PortState beforehand: the VLAN id is looked up only for a
+// "READY" port whose PortState is neither 3 (offline) nor 6 (link down).
+// 6 when no port has that position.
+MV_API HBA_UINT32 mirvak_GetKXAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, port_info* info);
+
+// As above, the port named by key: by key->attributes.PortWWN when its first
+// byte is non-zero, else by the position key->port_num. The result goes into
+// *info (which may be the key itself).
+MV_API HBA_UINT32 mirvak_GetKXAdapterPortAttributes_by_wwpn(HBA_HANDLE handle, const port_info* key,
+                                                            port_info* info);
+
+// Number of remote ports with the role "target", whatever their state, of
+// the local port whose WWPN is key->attributes.PortWWN; 0xFFFFFFFF when the
+// driver does not know the port.
+MV_API HBA_UINT32 mirvak_GetNumTargets_by_wwpn(HBA_HANDLE handle, const port_info* key);
+
+// The host's fc_host directory of the port with this 8-byte WWN: 0 with
+// "/sys/class/fc_host/<entry>" in out (256 bytes), or 0xFFFFFFFF.
+MV_API HBA_UINT32 get_path_for_KXpwwn(const unsigned char* wwn, char* out);
+
+// ---- Port and remote-port statistics ----
+
+// Statistics of the local port named by key (as for
+// mirvak_GetKXAdapterPortAttributes_by_wwpn): frame and word counts in
+// hba_stats and counter0..counter7. 100 for a port that is "OFFLINE" or
+// "UNINIT"; 6 when the driver fails before a port was selected.
+MV_API HBA_UINT32 mirvak_GetKXPortStatistics(HBA_HANDLE handle, const port_info* key, port_stats* stats);
+
+// counter0..counter7 of the virtual port with this 8-byte WWPN; hba_stats
+// all zero.
+MV_API HBA_UINT32 mirvak_GetKXVPortStatistics(HBA_HANDLE handle, const unsigned char* vport_wwpn,
+                                              port_stats* stats);
+
+// Counters of one target remote port: named by key->vport_wwpn and
+// key->rport_wwpn when both are given, else by key->port_num and
+// key->rport_index. 5 when the local port is not known by its WWPN, 6 when
+// no such target exists.
+MV_API HBA_UINT32 mirvak_GetDiscoveredPortStats(HBA_HANDLE handle, const vport_in* key, port_stats* stats);
+
+// Counters of one target remote port of a virtual port named by key alone
+// (the WWPN argument is not read). 5 when the virtual port is not known by
+// its WWPN, 1 when no such target exists.
+MV_API HBA_UINT32 mirvak_GetRPortsStatsForVPort(HBA_HANDLE handle, const unsigned char* wwpn, port_stats* stats,
+                                                const vport_in* key);
+
+#endif
