@@ -15,6 +15,15 @@ bool lnode_not_live(const lnode_info& rec) {
     return state == "OFFLINE" || state == "UNINIT";
 }
 
+bool rnode_gone(const rnode_info& rec) {
+    const std::string_view state = field_text(rec.state);
+    return state == "OFFLINE" || state == "DISAPPEARED";
+}
+
+uint32_t rnode_port_state(const rnode_info& rec) {
+    return field_text(rec.state).find("READY") != std::string_view::npos ? kOnline : kOffline;
+}
+
 uint32_t lnode_port_state(const lnode_info& rec) {
     const std::string_view state = field_text(rec.state);
     if (state == "READY") return kOnline;

@@ -14,6 +14,14 @@ namespace mv {
 // "OFFLINE" and "UNINIT" entries are not live (exact comparison).
 bool lnode_not_live(const lnode_info& rec);
 
+// A remote node whose state is "OFFLINE" or "DISAPPEARED" (exact words)
+// is gone from the fabric.
+bool rnode_gone(const rnode_info& rec);
+
+// A remote node reports online when its state contains "READY" anywhere
+// (a substring test, unlike the local-port words): 2, else 3.
+uint32_t rnode_port_state(const rnode_info& rec);
+
 // Local-port state word to the standard port state: "READY" 2 (online),
 // "OFFLINE" 3, "UNINIT" 6 (link down), anything else 3.
 uint32_t lnode_port_state(const lnode_info& rec);
