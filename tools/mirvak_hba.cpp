@@ -32,10 +32,8 @@ std::FILE* separate_library_output(bool quiet) {
 
 int main(int argc, char** argv) {
     CLI::App app{"Show the FCoE adapters and ports that the mirvak HBA plug-in sees."};
-    std::string plugin_path = PluginLoader::default_path();
     bool as_json = false;
     bool quiet = false;
-    app.add_option("--plugin", plugin_path, "Path of libmirvakhbaapi.so")->capture_default_str();
     app.add_flag("--json", as_json, "Print JSON instead of text");
     app.add_flag("-q,--quiet", quiet, "Drop the library's own diagnostic lines");
     app.require_subcommand(0, 1);
@@ -44,7 +42,7 @@ int main(int argc, char** argv) {
 
     std::FILE* out = separate_library_output(quiet);
     try {
-        PluginLoader plugin(plugin_path);
+        PluginLoader plugin;
         plugin.load();
         const nlohmann::json adapters = gather_adapters(plugin);
         plugin.free();

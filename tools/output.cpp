@@ -3,6 +3,8 @@
 #include <cstring>
 #include <string>
 
+#include "mirvak/mgmt.h"
+
 using nlohmann::json;
 
 namespace {
@@ -18,6 +20,50 @@ const char* state_name(HBA_UINT32 s) {
         case HBA_PORTSTATE_UNKNOWN: return "unknown";
         default: return "other";
     }
+}
+
+std::string format_mac(const uint8_t (&m)[6]) {
+    char buf[18];
+    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+    return buf;
+}
+
+// The port's FCoE fields from the extended interface. The VLAN is looked up
+// for a port the standard attributes report online, so they go in first.
+json fcoe_json(HBA_HANDLE h, HBA_UINT32 index, const HBA_PORTATTRIBUTES& a) {
+    port_info info;
+    std::memset(&info, 0, sizeof info);
+    info.attributes = a;
+    const HBA_UINT32 st = mirvak_GetKXAdapterPortAttributes(h, index, &info);
+    json f = {{"status", st}};
+    if (st != HBA_STATUS_OK) return f;
+    f["lnode_mac"] = format_mac(info.lnode_mac);
+    f["port_mac"] = format_mac(info.port_mac);
+    f["fcf_index"] = static_cast<uint32_t>(info.fcf_index);
+    f["vlan_id"] = static_cast<unsigned>(info.vlan_id);
+    f["phys_port"] = static_cast<unsigned>(info.phys_port);
+    f["lnode_id"] = static_cast<uint32_t>(info.lnode_id);
+    f["port_error"] = info.lnode_flag != 0;
+    return f;
+}
+
+json statistics_json(HBA_HANDLE h, HBA_UINT32 index) {
+    port_info key;
+    std::memset(&key, 0, sizeof key);
+    key.port_num = index;
+    port_stats stats;
+    std::memset(&stats, 0, sizeof stats);
+    const HBA_UINT32 st = mirvak_GetKXPortStatistics(h, &key, &stats);
+    json s = {{"status", st}};
+    if (st != HBA_STATUS_OK) return s;
+    s["tx_frames"] = static_cast<int64_t>(stats.hba_stats.TxFrames);
+    s["tx_words"] = static_cast<int64_t>(stats.hba_stats.TxWords);
+    s["rx_frames"] = static_cast<int64_t>(stats.hba_stats.RxFrames);
+    s["rx_words"] = static_cast<int64_t>(stats.hba_stats.RxWords);
+    const uint32_t counters[8] = {stats.counter0, stats.counter1, stats.counter2, stats.counter3,
+                                  stats.counter4, stats.counter5, stats.counter6, stats.counter7};
+    s["counters"] = counters;
+    return s;
 }
 
 json port_json(const PluginLoader& plugin, HBA_HANDLE h, HBA_UINT32 index) {
@@ -39,6 +85,8 @@ json port_json(const PluginLoader& plugin, HBA_HANDLE h, HBA_UINT32 index) {
     p["discovered_ports"] = a.NumberofDiscoveredPorts;
     p["os_device_name"] = TEXT(a.OSDeviceName);
     p["symbolic_name"] = TEXT(a.PortSymbolicName);
+    p["fcoe"] = fcoe_json(h, index, a);
+    p["statistics"] = statistics_json(h, index);
     return p;
 }
 
@@ -145,6 +193,27 @@ void print_adapters_text(std::FILE* out, const json& adapters) {
             line(out, 4, "Fabric name:", str(p["fabric_name"]));
             line(out, 4, "Discovered ports:", str(p["discovered_ports"]));
             line(out, 4, "OS device name:", str(p["os_device_name"]));
+            const json& f = p["fcoe"];
+            if (f["status"] != 0) {
+                line(out, 4, "FCoE fields:", "not available (status " + str(f["status"]) + ")");
+            } else {
+                line(out, 4, "FCoE MAC:", str(f["lnode_mac"]));
+                line(out, 4, "Port MAC:", str(f["port_mac"]));
+                line(out, 4, "Physical port:", str(f["phys_port"]));
+                line(out, 4, "FCF index:", str(f["fcf_index"]));
+                line(out, 4, "VLAN:", str(f["vlan_id"]));
+                line(out, 4, "Port error:", f["port_error"].get<bool>() ? "yes" : "no");
+            }
+            const json& s = p["statistics"];
+            if (s["status"] != 0) {
+                line(out, 4, "Statistics:", "not available (status " + str(s["status"]) + ")");
+            } else {
+                line(out, 4, "Tx frames / words:", str(s["tx_frames"]) + " / " + str(s["tx_words"]));
+                line(out, 4, "Rx frames / words:", str(s["rx_frames"]) + " / " + str(s["rx_words"]));
+                std::string counters;
+                for (const json& c : s["counters"]) counters += (counters.empty() ? "" : " ") + str(c);
+                line(out, 4, "Counters 0-7:", counters);
+            }
         }
     }
 }

@@ -1,11 +1,5 @@
 #include "plugin_loader.h"
 
-#include <dlfcn.h>
-#include <limits.h>
-#include <unistd.h>
-
-#include <stdexcept>
-
 namespace {
 // Slots of the table the plug-in fills.
 enum Slot : unsigned {
@@ -14,27 +8,7 @@ enum Slot : unsigned {
 };
 }  // namespace
 
-PluginLoader::PluginLoader(const std::string& path) {
-    lib_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (lib_ == nullptr) throw std::runtime_error(std::string("cannot load the plug-in: ") + dlerror());
-    auto reg = reinterpret_cast<HBARegisterLibraryV2Func>(dlsym(lib_, "HBA_RegisterLibraryV2"));
-    if (reg == nullptr) {
-        dlclose(lib_);
-        throw std::runtime_error(path + ": no HBA_RegisterLibraryV2");
-    }
-    reg(reinterpret_cast<HBA_ENTRYPOINTSV2*>(slots_));
-}
-
-PluginLoader::~PluginLoader() { dlclose(lib_); }
-
-std::string PluginLoader::default_path() {
-    char self[PATH_MAX] = {};
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return "libmirvakhbaapi.so";
-    std::string dir(self, static_cast<size_t>(n));
-    dir.erase(dir.find_last_of('/'));
-    return dir + "/../lib/libmirvakhbaapi.so";
-}
+PluginLoader::PluginLoader() { HBA_RegisterLibraryV2(reinterpret_cast<HBA_ENTRYPOINTSV2*>(slots_)); }
 
 HBA_STATUS PluginLoader::load() const { return slot<HBALoadLibraryFunc>(kLoad)(); }
 HBA_STATUS PluginLoader::free() const { return slot<HBAFreeLibraryFunc>(kFree)(); }

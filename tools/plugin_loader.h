@@ -1,18 +1,13 @@
-// Loads libmirvakhbaapi.so as a front library does and gives typed access
-// to the entry points it registers.
+// The plug-in's standard face as a front library reaches it: through the
+// entry-point table HBA_RegisterLibraryV2 fills, slot by slot.
 #ifndef MIRVAK_TOOLS_PLUGIN_LOADER_H
 #define MIRVAK_TOOLS_PLUGIN_LOADER_H
-
-#include <string>
 
 #include "mirvak/hba_plugin.h"
 
 class PluginLoader {
 public:
-    // Throws std::runtime_error with dlerror's text when the library or its
-    // registration function cannot be had.
-    explicit PluginLoader(const std::string& path);
-    ~PluginLoader();
+    PluginLoader();
     PluginLoader(const PluginLoader&) = delete;
     PluginLoader& operator=(const PluginLoader&) = delete;
 
@@ -29,11 +24,7 @@ public:
     HBA_STATUS adapter_attributes(HBA_HANDLE h, HBA_ADAPTERATTRIBUTES* a) const;
     HBA_STATUS port_attributes(HBA_HANDLE h, HBA_UINT32 port, HBA_PORTATTRIBUTES* a) const;
 
-    // Where the plug-in is by default: ../lib next to this program.
-    static std::string default_path();
-
 private:
-    void* lib_ = nullptr;
     void* slots_[64] = {};
 };
 
