@@ -100,7 +100,12 @@ auto schema(const Lun*) {
         field("vendor", &Lun::vendor, max_len(255)), field("product", &Lun::product, max_len(255)),
         field("revision", &Lun::revision, max_len(255)), field("serial", &Lun::serial, max_len(255)),
         field("block", &Lun::block, kind(Kind::FileNameOrEmpty)), field("size", &Lun::size),
-        field("block_dir", &Lun::block_dir), field("designators", &Lun::designators));
+        field("block_dir", &Lun::block_dir), field("designators", &Lun::designators),
+        field("block_link", &Lun::block_link), field("sysfs_name", &Lun::sysfs_name, max_len(255)),
+        field("vendor_text", &Lun::vendor_text, max_len(4096)),
+        field("size_text", &Lun::size_text, max_len(4096)),
+        field("vpd83_raw", &Lun::vpd83_raw, max_len(4 + 0xFFFF)), field("sg_fail", &Lun::sg_fail),
+        field("sg_version", &Lun::sg_version), field("no_device", &Lun::no_device));
 }
 
 auto schema(const RemoteNode*) {

@@ -48,7 +48,16 @@ struct Lun {
     std::string block;               // block device name ("sdb"); empty: no block link
     uint64_t size = 2097152;         // block device size in 512-byte sectors
     bool block_dir = false;          // also publish the newer "block/" directory
+    bool block_link = true;          // publish the "block:<block>" link (when block is set)
+    std::optional<std::string> sysfs_name;   // LUN directory name instead of "H:0:T:L"
+    std::optional<std::string> vendor_text;  // vendor file's exact contents
+    std::optional<std::string> size_text;    // size files' exact contents
     std::vector<Designator> designators;  // VPD 0x83; a default NAA one when empty
+    // The device node /dev/<block> (SCSI generic emulation of the host).
+    std::optional<std::vector<uint8_t>> vpd83_raw;  // VPD 0x83 answered verbatim
+    bool sg_fail = false;            // SG_IO fails with EIO
+    int32_t sg_version = 30527;      // what SG_GET_VERSION_NUM answers
+    bool no_device = false;          // opening the node fails with ENOENT
 };
 
 struct RemoteNode {

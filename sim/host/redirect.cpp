@@ -36,6 +36,12 @@
 // fopen and opendir do not go through the public open, which is why they are
 // intercepted themselves.
 //
+// The simulated host's SCSI device nodes ("/dev/sdb", listed in
+// ROOT/sim/sg.json) are answered by sg_device.cpp: the open forms above
+// (not fopen) ask it first, and ioctl and close are intercepted for the
+// descriptors it hands out; every other descriptor goes to the real ioctl
+// and close untouched.
+//
 // Two ways to use it
 //   - LD_PRELOAD=libmirvaksimhost.so (what "mirvak-simhost run" sets up).
 //   - Linked into a test program (the simhost_redirect object library): the
@@ -48,6 +54,7 @@
 #undef _FORTIFY_SOURCE  // the fortified inline wrappers would clash with the definitions below
 
 #include "redirect.h"
+#include "sg_device.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -58,6 +65,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -164,6 +172,37 @@ constexpr bool takes_mode(int flags) {
 
 }  // namespace
 
+namespace sim {
+namespace sg {
+
+int real_open(const char* path, int flags) {
+    const auto real = MIRVAK_NEXT(open);
+    if (real == nullptr) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(path, flags);
+}
+
+int real_close(int fd) {
+    const auto real = MIRVAK_NEXT(close);
+    if (real == nullptr) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(fd);
+}
+
+}  // namespace sg
+}  // namespace sim
+
+// A simulated device node answers the open itself.
+#define MIRVAK_DEVICE_NODE(path, flags)                              \
+    do {                                                             \
+        int device_fd_ = -1;                                         \
+        if (sim::sg::open_device((path), (flags), &device_fd_)) return device_fd_; \
+    } while (0)
+
 extern "C" const char* mirvak_sim_map_path(const char* path, char* buf, std::size_t size) {
     if (path == nullptr || path[0] != '/') return path;
     const char* root = getenv(sim::kRootEnv);
@@ -195,6 +234,7 @@ extern "C" {
 int open(const char* path, int flags, ...) {
     mode_t mode = 0;
     MIRVAK_MODE_ARG(flags, mode);
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(open), path, -1,
                    [&](auto real, const char* p) { return real(p, flags, mode); });
 }
@@ -202,6 +242,7 @@ int open(const char* path, int flags, ...) {
 int open64(const char* path, int flags, ...) {
     mode_t mode = 0;
     MIRVAK_MODE_ARG(flags, mode);
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(open64), path, -1,
                    [&](auto real, const char* p) { return real(p, flags, mode); });
 }
@@ -209,6 +250,7 @@ int open64(const char* path, int flags, ...) {
 int openat(int dirfd, const char* path, int flags, ...) {
     mode_t mode = 0;
     MIRVAK_MODE_ARG(flags, mode);
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(openat), path, -1,
                    [&](auto real, const char* p) { return real(dirfd, p, flags, mode); });
 }
@@ -216,26 +258,31 @@ int openat(int dirfd, const char* path, int flags, ...) {
 int openat64(int dirfd, const char* path, int flags, ...) {
     mode_t mode = 0;
     MIRVAK_MODE_ARG(flags, mode);
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(openat64), path, -1,
                    [&](auto real, const char* p) { return real(dirfd, p, flags, mode); });
 }
 
 int __open_2(const char* path, int flags) {
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__open_2), path, -1,
                    [&](auto real, const char* p) { return real(p, flags); });
 }
 
 int __open64_2(const char* path, int flags) {
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__open64_2), path, -1,
                    [&](auto real, const char* p) { return real(p, flags); });
 }
 
 int __openat_2(int dirfd, const char* path, int flags) {
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__openat_2), path, -1,
                    [&](auto real, const char* p) { return real(dirfd, p, flags); });
 }
 
 int __openat64_2(int dirfd, const char* path, int flags) {
+    MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__openat64_2), path, -1,
                    [&](auto real, const char* p) { return real(dirfd, p, flags); });
 }
@@ -348,6 +395,28 @@ ssize_t listxattr(const char* path, char* list, size_t size) noexcept {
 ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
     return forward(MIRVAK_NEXT(llistxattr), path, ssize_t{-1},
                    [&](auto real, const char* p) { return real(p, list, size); });
+}
+
+// The third argument is passed on as a pointer, whatever it is, as libc's
+// own wrapper does.
+int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list ap;
+    va_start(ap, request);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    int result = -1;
+    if (sim::sg::device_ioctl(fd, request, arg, &result)) return result;
+    const auto real = MIRVAK_NEXT(ioctl);
+    if (real == nullptr) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(fd, request, arg);
+}
+
+int close(int fd) {
+    sim::sg::forget_descriptor(fd);
+    return sim::sg::real_close(fd);
 }
 
 }  // extern "C"

@@ -9,13 +9,20 @@
 //   sys/class/fc_host/hostH/device/rport-H:0-M/
 //       fc_remote_ports:rport-H:0-M/{port_name,node_name,port_state,roles}
 //       targetH:0:T/H:0:T:L/{vendor,model,rev}
-//       targetH:0:T/H:0:T:L/block:sdX/size
+//       targetH:0:T/H:0:T:L/block:sdX/size        (unless block_link is false)
 //       targetH:0:T/H:0:T:L/block/size            (when block_dir)
+//       targetH:0:T/H:0:T:L/block/sdX/size        (when block_dir)
 //   etc/hba.conf
+//   sim/sg.json        (the SCSI device index, see sg_index.h)
+//
+// A LUN's sysfs_name replaces H:0:T:L; vendor_text and size_text replace the
+// vendor and size files' contents.
 //
 // Unlike the kernel's tree, every entry here is a real directory or file
 // (no symbolic links), which is all the readers need.
 #include "sysfs_gen.h"
+
+#include "sg_index.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -129,24 +136,69 @@ std::string padded(const std::string& text, std::size_t width) {
 std::string decimal_line(unsigned long long v) { return std::to_string(v) + "\n"; }
 
 void write_lun(const fs::path& target_dir, const std::string& btl, const Lun& lun) {
-    const fs::path dir = target_dir / btl;
+    const std::string name = lun.sysfs_name ? *lun.sysfs_name : btl;
+    check_name(name, "LUN");
+    const fs::path dir = target_dir / name;
     make_dir(dir);
-    if (lun.has_vendor) write_file(dir / "vendor", padded(lun.vendor, 8));
+    if (lun.has_vendor) write_file(dir / "vendor", lun.vendor_text ? *lun.vendor_text : padded(lun.vendor, 8));
     write_file(dir / "model", padded(lun.product, 16));
     write_file(dir / "rev", padded(lun.revision, 4));
     if (lun.block.empty()) return;
     check_name(lun.block, "block device");
-    const std::string size = decimal_line(lun.size);
-    const fs::path link = dir / ("block:" + lun.block);
-    make_dir(link);
-    write_file(link / "size", size);
+    const std::string size = lun.size_text ? *lun.size_text : decimal_line(lun.size);
+    if (lun.block_link) {
+        const fs::path link = dir / ("block:" + lun.block);
+        make_dir(link);
+        write_file(link / "size", size);
+    }
     if (lun.block_dir) {
+        // The newer layout: block/sdX/size. block/size beside it is what
+        // readers that cut "block:sdX" to "block" look for.
         make_dir(dir / "block");
         write_file(dir / "block" / "size", size);
+        make_dir(dir / "block" / lun.block);
+        write_file(dir / "block" / lun.block / "size", size);
     }
 }
 
-void write_host(const fs::path& class_dir, int h, const LocalNode& ln) {
+// The device nodes of a target's LUNs for the SCSI device index, with the
+// defaults resolved: serial "SIM" + the remote port's WWPN + "L" + the LUN
+// number; one NAA designator 60 00 00 00, the WWPN, the LUN (32 bits,
+// big-endian). REPORT LUNS lists every LUN of the target.
+void add_devices(std::vector<sg::Device>& index, const std::string& ht, const RemoteNode& rn) {
+    std::vector<uint32_t> numbers;
+    for (const Lun& lun : rn.luns) numbers.push_back(lun.lun);
+    for (const Lun& lun : rn.luns) {
+        if (lun.block.empty()) continue;
+        sg::Device d;
+        d.path = "/dev/" + lun.block;
+        d.hctl = ht + ":" + std::to_string(lun.lun);
+        d.lun = lun.lun;
+        d.vendor = lun.vendor;
+        d.product = lun.product;
+        d.revision = lun.revision;
+        d.serial = lun.serial.empty() ? "SIM" + wwn_to_hex(rn.port_wwn) + "L" + std::to_string(lun.lun)
+                                      : lun.serial;
+        d.size = lun.size;
+        for (const Designator& x : lun.designators)
+            d.designators.push_back({x.code_set, x.type, x.association, x.id});
+        if (d.designators.empty()) {
+            sg::Designator naa;  // binary, NAA, associated with the LUN
+            naa.id = {0x60, 0x00, 0x00, 0x00};
+            naa.id.insert(naa.id.end(), rn.port_wwn.begin(), rn.port_wwn.end());
+            for (int shift = 24; shift >= 0; shift -= 8) naa.id.push_back(static_cast<uint8_t>(lun.lun >> shift));
+            d.designators.push_back(naa);
+        }
+        d.vpd83_raw = lun.vpd83_raw;
+        d.sg_fail = lun.sg_fail;
+        d.sg_version = lun.sg_version;
+        d.no_device = lun.no_device;
+        d.target_luns = numbers;
+        index.push_back(std::move(d));
+    }
+}
+
+void write_host(const fs::path& class_dir, int h, const LocalNode& ln, std::vector<sg::Device>& index) {
     const std::string hs = std::to_string(h);
     const fs::path host = class_dir / ("host" + hs);
     make_dir(host);
@@ -182,6 +234,7 @@ void write_host(const fs::path& class_dir, int h, const LocalNode& ln) {
         const fs::path target = rport / ("target" + ht);
         make_dir(target);
         for (const Lun& lun : rn.luns) write_lun(target, ht + ":" + std::to_string(lun.lun), lun);
+        add_devices(index, ht, rn);
     }
 }
 
@@ -250,13 +303,19 @@ void generate_host(const Fabric& f, const std::string& root, const HostOptions& 
     const fs::path etc = base / "etc";
     remove_tree(class_dir);
     remove_tree(etc);
+    const fs::path sg_dir = base / sg::kIndexDir;
+    remove_tree(sg_dir);
+    std::vector<sg::Device> index;
 
     make_dirs(class_dir);
     for (const HostAssignment& h : hosts)
-        write_host(class_dir, h.host, f.adapters[h.adapter].lnodes[h.lnode]);
+        write_host(class_dir, h.host, f.adapters[h.adapter].lnodes[h.lnode], index);
 
     make_dirs(etc);
     write_hba_conf(etc, opt);
+
+    make_dirs(sg_dir);
+    write_file(base / sg::kIndexFile, sg::index_to_json(index).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 
 }  // namespace sim

@@ -37,8 +37,9 @@ struct HostAssignment {
 // Throws std::runtime_error when two nodes claim the same host number.
 std::vector<HostAssignment> assign_hosts(const Fabric& f);
 
-// Remove root/sys/class/fc_host and root/etc and write the host's view of f
-// under root. Throws std::runtime_error naming the path on a file system
+// Remove root/sys/class/fc_host, root/etc and root/sim and write the host's
+// view of f under root (root/sim/sg.json: the SCSI device index that the
+// redirector answers the LUNs' device nodes from, see sg_index.h). Throws std::runtime_error naming the path on a file system
 // failure (and refuses a root that is the machine's own "/").
 void generate_host(const Fabric& f, const std::string& root, const HostOptions& opt = {});
 

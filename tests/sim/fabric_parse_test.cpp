@@ -242,6 +242,8 @@ const char* kEveryField = R"({
                    "sysfs_port_name": "0x5",
                    "luns": [{"lun": 3, "has_vendor": false, "vendor": "V", "product": "P", "revision": "R",
                              "serial": "SER", "block": "sdq", "size": 99, "block_dir": true,
+                             "block_link": false, "sysfs_name": "lun x:1", "vendor_text": "two words",
+                             "size_text": "",
                              "designators": [{"code_set": 2, "type": 8, "association": 1, "id": "41 42"}]}]}]},
       {"port_wwn": "2800000000000001", "parent": "2100000000000001"}],
     "closing_lnode": [{"offset": 1601, "hex": "45 4e 44"}],

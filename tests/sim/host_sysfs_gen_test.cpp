@@ -319,6 +319,64 @@ TEST_F(HostSysfsGen, BlockDirectoryAlsoCarriesTheSize) {
     EXPECT_FALSE(fs::exists(root / tgt / "0:0:0:1/block"));
 }
 
+TEST_F(HostSysfsGen, BlockDirectoryHasTheNewerLayoutToo) {
+    sim::LocalNode ln = lnode(0x21);
+    sim::RemoteNode t = rnode(0x51);
+    sim::Lun newer = lun(0, "sdc", 77);
+    newer.block_dir = true;
+    newer.block_link = false;
+    t.luns.push_back(newer);
+    ln.rnodes.push_back(t);
+    sim::generate_host(fabric_of({ln}), root.string());
+
+    const std::string l0 = "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/";
+    std::set<std::string> below;
+    for (const std::string& e : tree())
+        if (e.size() > l0.size() && e.rfind(l0, 0) == 0) below.insert(e.substr(l0.size()));
+    EXPECT_EQ(below, (std::set<std::string>{"vendor", "model", "rev", "block/", "block/size", "block/sdc/",
+                                            "block/sdc/size"}));
+    EXPECT_EQ(read("sys/class/fc_host/" + l0 + "block/sdc/size"), "77\n");
+}
+
+TEST_F(HostSysfsGen, LunNameAndFileTextsAreWrittenVerbatim) {
+    sim::LocalNode ln = lnode(0x21);
+    sim::RemoteNode t = rnode(0x51);
+    sim::Lun odd = lun(0, "sdb");
+    odd.sysfs_name = "lun zero";
+    odd.vendor_text = "";
+    odd.size_text = "12abc";
+    odd.block_dir = true;
+    t.luns.push_back(odd);
+    sim::Lun plain = lun(1);
+    plain.vendor_text = "NO NEWLINE";
+    t.luns.push_back(plain);
+    ln.rnodes.push_back(t);
+    sim::generate_host(fabric_of({ln}), root.string());
+
+    const fs::path tgt = "sys/class/fc_host/host0/device/rport-0:0-0/target0:0:0";
+    EXPECT_FALSE(fs::exists(root / tgt / "0:0:0:0"));
+    EXPECT_EQ(read(tgt / "lun zero/vendor"), "");
+    EXPECT_EQ(read(tgt / "lun zero/block:sdb/size"), "12abc");
+    EXPECT_EQ(read(tgt / "lun zero/block/size"), "12abc");
+    EXPECT_EQ(read(tgt / "lun zero/block/sdb/size"), "12abc");
+    EXPECT_EQ(read(tgt / "0:0:0:1/vendor"), "NO NEWLINE");
+}
+
+TEST_F(HostSysfsGen, UnusableLunNameIsRefused) {
+    sim::LocalNode ln = lnode(0x21);
+    sim::RemoteNode t = rnode(0x51);
+    sim::Lun bad = lun(0);
+    bad.sysfs_name = "a/b";
+    t.luns.push_back(bad);
+    ln.rnodes.push_back(t);
+    try {
+        sim::generate_host(fabric_of({ln}), root.string());
+        FAIL() << "no error";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "simulated host: unusable LUN name \"a/b\"");
+    }
+}
+
 TEST_F(HostSysfsGen, PortNameOverridesAreWrittenVerbatim) {
     sim::LocalNode upper = lnode(0x2000000743001a2bULL);
     upper.sysfs_port_name = "0x2000000743001A2B\n";

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "sim/fabric.h"
+#include "sim/host/redirect.h"
 #include "sim/host/sysfs_gen.h"
 #include "sim/tusksim.h"
 
@@ -18,6 +19,7 @@ void SimTest::SetUp() {
     setenv(sim::kRootEnv, root_.c_str(), 1);
     tusksim_clear_faults();
     ResetCalls();
+    mirvak_simsg_reset();  // SG_IO requests recorded by the simulated device nodes
 }
 
 void SimTest::TearDown() {

@@ -1,0 +1,371 @@
+// Simulated SCSI device nodes of the simulated host
+// ===================================================
+//
+// The generator writes ROOT/sim/sg.json (sg_index.h), listing each LUN's
+// block device node ("/dev/sdb") with what its target answers. With
+// MIRVAK_SIM_ROOT set:
+//
+//   - open (every form the redirector interposes) of a listed path gives a
+//     descriptor on /dev/null, remembered as that device until it is closed;
+//     a device with "no_device" fails with ENOENT instead. Paths not listed
+//     (and everything while the variable is unset) go to the real system.
+//   - ioctl SG_GET_VERSION_NUM and SG_IO on such a descriptor are answered
+//     here (sg_target.h computes the SCSI answer); other requests fail with
+//     ENOTTY. Descriptors that are not device nodes go to the real ioctl.
+//   - close forgets the descriptor.
+//
+// The index is read again at every open of a /dev path and parsed again
+// when the root or the file's contents changed, so tests that regenerate
+// the host within one process see the new devices at once. A descriptor
+// keeps the device it was opened as.
+//
+// A descriptor number can leave the table unseen (closed by close_range, or
+// by a library that calls the system call directly); each use therefore
+// checks that the number still refers to the /dev/null file it was opened
+// on.
+#include "sg_device.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <scsi/sg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "redirect.h"
+#include "sg_index.h"
+#include "sg_target.h"
+
+namespace sim {
+namespace sg {
+namespace {
+
+constexpr std::size_t kMaxIndexBytes = 16u << 20;
+constexpr std::size_t kKeptRequests = 4096;
+// Largest transfer accepted, as a host adapter's limit; above it SG_IO
+// fails with EIO as the block layer's does.
+constexpr unsigned int kMaxTransfer = 1u << 20;
+
+struct OpenNode {
+    std::shared_ptr<const Device> device;
+    dev_t dev = 0;
+    ino_t ino = 0;
+};
+
+struct State {
+    std::mutex mu;
+    // The parsed index and what it was parsed from.
+    std::string root, text;
+    std::map<std::string, std::shared_ptr<const Device>> devices;
+    std::map<int, OpenNode> fds;
+    std::deque<mirvak_simsg_request> requests;
+    std::size_t request_count = 0;
+    std::size_t version_queries = 0;
+    std::size_t opens = 0;
+};
+
+// Never destroyed: interposed calls keep coming while the process exits.
+State& state() {
+    static State* s = new State;
+    return *s;
+}
+
+// Descriptors in the table; lets close and ioctl skip the lock while none
+// is open.
+std::atomic<std::size_t> g_open{0};
+
+// The whole file through the real open; false when it cannot be read.
+bool read_file(const std::string& path, std::string& out) {
+    const int fd = real_open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    out.clear();
+    char buf[8192];
+    bool ok = true;
+    for (;;) {
+        const ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 || out.size() + static_cast<std::size_t>(n) > kMaxIndexBytes) {
+            ok = n == 0;
+            break;
+        }
+        if (n == 0) break;
+        out.append(buf, static_cast<std::size_t>(n));
+    }
+    real_close(fd);
+    return ok;
+}
+
+// The device listed for path under the current root, or null. Called with
+// the lock held.
+std::shared_ptr<const Device> lookup(State& s, const char* path) {
+    const char* root = getenv(kRootEnv);
+    if (root == nullptr || root[0] == '\0') return nullptr;
+    std::string text;
+    if (!read_file(std::string(root) + "/" + kIndexFile, text)) return nullptr;
+    if (s.root != root || s.text != text) {
+        s.devices.clear();
+        try {
+            // The first entry for a path wins.
+            for (Device& d : index_from_json(nlohmann::json::parse(text))) {
+                const std::string key = d.path;
+                s.devices.emplace(key, std::make_shared<const Device>(std::move(d)));
+            }
+        } catch (const std::exception&) {
+            s.devices.clear();  // an unreadable index simulates nothing
+        }
+        s.root = root;
+        s.text = std::move(text);
+    }
+    const auto it = s.devices.find(path);
+    return it == s.devices.end() ? nullptr : it->second;
+}
+
+bool same_file(int fd, const OpenNode& node) {
+    struct stat st {};
+    return fstat(fd, &st) == 0 && st.st_dev == node.dev && st.st_ino == node.ino;
+}
+
+void record(State& s, const mirvak_simsg_request& r) {
+    ++s.request_count;
+    s.requests.push_back(r);
+    if (s.requests.size() > kKeptRequests) s.requests.pop_front();
+}
+
+bool reads_data(int direction) {
+    return direction == SG_DXFER_FROM_DEV || direction == SG_DXFER_TO_FROM_DEV;
+}
+
+// One SG_IO. Called with the lock held.
+int sg_io(State& s, const Device& d, void* arg) {
+    mirvak_simsg_request rec{};
+    strncpy(rec.device, d.path.c_str(), sizeof rec.device - 1);
+    if (arg == nullptr) {
+        rec.error = EFAULT;
+        record(s, rec);
+        errno = EFAULT;
+        return -1;
+    }
+    sg_io_hdr_t h;
+    memcpy(&h, arg, sizeof h);
+    rec.interface_id = h.interface_id;
+    rec.dxfer_direction = h.dxfer_direction;
+    rec.cmd_len = h.cmd_len;
+    rec.mx_sb_len = h.mx_sb_len;
+    rec.iovec_count = h.iovec_count;
+    rec.dxfer_len = h.dxfer_len;
+    rec.dxferp = h.dxferp;
+    rec.cmdp = h.cmdp;
+    rec.sbp = h.sbp;
+    rec.timeout = h.timeout;
+    rec.flags = h.flags;
+    rec.pack_id = h.pack_id;
+    rec.usr_ptr = h.usr_ptr;
+    if (h.cmdp != nullptr) memcpy(rec.cdb, h.cmdp, std::min<std::size_t>(h.cmd_len, sizeof rec.cdb));
+
+    int err = 0;
+    if (d.sg_fail)
+        err = EIO;
+    else if (h.interface_id != 'S')
+        err = EINVAL;
+    else if (h.cmd_len < 6)
+        err = EMSGSIZE;
+    else if (h.cmd_len > 16)
+        err = EINVAL;  // longer CDBs are not simulated
+    else if (h.cmdp == nullptr)
+        err = EFAULT;
+    else if (h.iovec_count != 0)
+        err = EINVAL;  // scatter lists are not simulated
+    else if (h.dxfer_len > kMaxTransfer)
+        err = EIO;
+    else if (h.dxfer_len > 0 && h.dxfer_direction != SG_DXFER_TO_DEV && !reads_data(h.dxfer_direction))
+        err = EINVAL;
+    else if (h.dxfer_len > 0 && h.dxferp == nullptr)
+        err = EFAULT;
+    if (err != 0) {
+        rec.error = err;
+        record(s, rec);
+        errno = err;
+        return -1;
+    }
+
+    uint8_t cdb[16] = {};
+    memcpy(cdb, h.cmdp, h.cmd_len);
+    const Reply r = respond(d, cdb, h.dxfer_len);
+
+    // Data-in reaches the caller only when it asked to read; bytes past the
+    // transfer stay as they were.
+    std::size_t n = 0;
+    if (reads_data(h.dxfer_direction)) {
+        n = std::min<std::size_t>(r.data.size(), h.dxfer_len);
+        if (n > 0) memcpy(h.dxferp, r.data.data(), n);
+    }
+    std::size_t sense = 0;
+    if (h.sbp != nullptr) {
+        sense = std::min<std::size_t>(r.sense.size(), h.mx_sb_len);
+        if (sense > 0) memcpy(h.sbp, r.sense.data(), sense);
+    }
+    h.status = r.status;
+    h.masked_status = static_cast<unsigned char>((r.status >> 1) & 0x7F);
+    h.msg_status = 0;
+    h.sb_len_wr = static_cast<unsigned char>(sense);
+    h.host_status = 0;
+    h.driver_status = 0;
+    h.resid = static_cast<int>(h.dxfer_len - n);
+    h.duration = 1;
+    h.info = r.status != kStatusGood ? SG_INFO_CHECK : SG_INFO_OK;
+    memcpy(arg, &h, sizeof h);
+
+    rec.status = r.status;
+    record(s, rec);
+    return 0;
+}
+
+}  // namespace
+
+bool open_device(const char* path, int flags, int* result) {
+    if (path == nullptr || strncmp(path, "/dev/", 5) != 0) return false;
+    const int saved_errno = errno;
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    std::shared_ptr<const Device> d;
+    try {
+        d = lookup(s, path);
+    } catch (const std::exception&) {
+        d = nullptr;
+    }
+    errno = saved_errno;
+    if (!d) return false;
+    if (d->no_device) {
+        errno = ENOENT;
+        *result = -1;
+        return true;
+    }
+    const int fd = real_open("/dev/null", flags & (O_ACCMODE | O_CLOEXEC | O_NONBLOCK));
+    if (fd < 0) {
+        *result = -1;
+        return true;
+    }
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        const int err = errno;
+        real_close(fd);
+        errno = err;
+        *result = -1;
+        return true;
+    }
+    OpenNode node;
+    node.device = d;
+    node.dev = st.st_dev;
+    node.ino = st.st_ino;
+    if (s.fds.insert_or_assign(fd, node).second) g_open.fetch_add(1);
+    ++s.opens;
+    *result = fd;
+    return true;
+}
+
+bool device_ioctl(int fd, unsigned long request, void* arg, int* result) {
+    if (g_open.load() == 0) return false;
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    const auto it = s.fds.find(fd);
+    if (it == s.fds.end()) return false;
+    if (!same_file(fd, it->second)) {
+        s.fds.erase(it);
+        g_open.fetch_sub(1);
+        return false;
+    }
+    const std::shared_ptr<const Device> d = it->second.device;
+    switch (request) {
+    case SG_GET_VERSION_NUM:
+        ++s.version_queries;
+        if (arg == nullptr) {
+            errno = EFAULT;
+            *result = -1;
+        } else {
+            const int version = d->sg_version;
+            memcpy(arg, &version, sizeof version);
+            *result = 0;
+        }
+        return true;
+    case SG_IO:
+        *result = sg_io(s, *d, arg);
+        return true;
+    default:
+        errno = ENOTTY;
+        *result = -1;
+        return true;
+    }
+}
+
+void forget_descriptor(int fd) {
+    if (g_open.load() == 0) return;
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    if (s.fds.erase(fd) != 0) g_open.fetch_sub(1);
+}
+
+}  // namespace sg
+}  // namespace sim
+
+extern "C" {
+
+std::size_t mirvak_simsg_request_count(void) {
+    auto& s = sim::sg::state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    return s.request_count;
+}
+
+int mirvak_simsg_last_request(struct mirvak_simsg_request* out) {
+    auto& s = sim::sg::state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    if (out == nullptr || s.requests.empty()) return -1;
+    *out = s.requests.back();
+    return 0;
+}
+
+int mirvak_simsg_request_at(std::size_t index, struct mirvak_simsg_request* out) {
+    auto& s = sim::sg::state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    const std::size_t first = s.request_count - s.requests.size();
+    if (out == nullptr || index < first || index >= s.request_count) return -1;
+    *out = s.requests[index - first];
+    return 0;
+}
+
+std::size_t mirvak_simsg_version_queries(void) {
+    auto& s = sim::sg::state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    return s.version_queries;
+}
+
+std::size_t mirvak_simsg_opens(void) {
+    auto& s = sim::sg::state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    return s.opens;
+}
+
+std::size_t mirvak_simsg_open_descriptors(void) {
+    auto& s = sim::sg::state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    return s.fds.size();
+}
+
+void mirvak_simsg_reset(void) {
+    auto& s = sim::sg::state();
+    std::lock_guard<std::mutex> lock(s.mu);
+    s.requests.clear();
+    s.request_count = 0;
+    s.version_queries = 0;
+    s.opens = 0;
+}
+
+}  // extern "C"
