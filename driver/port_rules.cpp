@@ -20,8 +20,10 @@ bool rnode_gone(const rnode_info& rec) {
     return state == "OFFLINE" || state == "DISAPPEARED";
 }
 
-uint32_t rnode_port_state(const rnode_info& rec) {
-    return field_text(rec.state).find("READY") != std::string_view::npos ? kOnline : kOffline;
+uint32_t rnode_port_state(const rnode_info& rec) { return ready_port_state(field_text(rec.state)); }
+
+uint32_t ready_port_state(std::string_view state) {
+    return state.find("READY") != std::string_view::npos ? kOnline : kOffline;
 }
 
 uint32_t lnode_port_state(const lnode_info& rec) {

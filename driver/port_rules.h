@@ -21,6 +21,8 @@ bool rnode_gone(const rnode_info& rec);
 // A remote node reports online when its state contains "READY" anywhere
 // (a substring test, unlike the local-port words): 2, else 3.
 uint32_t rnode_port_state(const rnode_info& rec);
+// The same rule over any state text (a virtual port's state is read so too).
+uint32_t ready_port_state(std::string_view state);
 
 // Local-port state word to the standard port state: "READY" 2 (online),
 // "OFFLINE" 3, "UNINIT" 6 (link down), anything else 3.

@@ -71,4 +71,78 @@ MV_API HBA_UINT32 mirvak_GetDiscoveredPortStats(HBA_HANDLE handle, const vport_i
 MV_API HBA_UINT32 mirvak_GetRPortsStatsForVPort(HBA_HANDLE handle, const unsigned char* wwpn, port_stats* stats,
                                                 const vport_in* key);
 
+// ---- Virtual ports and NPIV ----
+
+// The virtual ports of the physical port with this 8-byte WWPN, one
+// port_info each, in the driver's order, into the caller's array of
+// `expected` records (only the fields the driver gives are written). 1 when
+// the driver cannot list them or lists another number than `expected`.
+MV_API HBA_UINT32 mirvak_GetAllVPortsForPort(HBA_HANDLE handle, const unsigned char* wwpn, port_info* ports,
+                                             HBA_UINT32 expected);
+
+// Create (op 0) or delete (any other op) a virtual port. The four 8-byte
+// WWNs go into the driver's request at offsets 8, 0, 16 and 24; the first
+// two may be null. 40 when the driver refuses and marks the request so;
+// otherwise the driver's result. The instance is not used.
+MV_API HBA_UINT32 mirvak_CreateDelNPIV(HBA_HANDLE handle, HBA_UINT32 instance, HBA_UINT16 op,
+                                       const unsigned char* first, const unsigned char* second,
+                                       const unsigned char* third, const unsigned char* fourth);
+
+// ---- Remote ports ----
+
+// The FCoE fields (role, driver identifiers) of one target of the local
+// port at position `lnode`: the target numbered `target`, where targets
+// that are gone (and all remote ports of a port not initialised) take a
+// number too but can never be chosen. 0 found, or the list ran out; 6 the
+// driver failed.
+MV_API HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 lnode, HBA_UINT32 target,
+                                                       port_info* info);
+
+// The targets of the local port whose WWPN is key->attributes.PortWWN, up
+// to the first that is not live, copied into the caller's buffers
+// (*ports, and *stats when stats and *stats are non-null). Each buffer is
+// taken to hold 256 KiB; one that must hold more is grown with realloc and
+// the new pointer stored back, so the caller must keep no other copy of it.
+// *size = number of targets x sizeof(port_info). 6 no target (or a failed
+// realloc), 1 allocation failure.
+MV_API HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes_by_wwpn(HBA_HANDLE handle, const port_info* key,
+                                                               char** ports, unsigned int* size, char** stats);
+
+// Every live target of the local (physical or virtual) port with this
+// 8-byte WWPN, in the driver's order, as new arrays the caller frees:
+// *ports and *count, and *stats when with_stats. 0 at least one target
+// (6 none, with a null array and a count of 0); 1 allocation failure, with
+// nothing stored.
+MV_API HBA_UINT32 mirvak_GetAllRPortsForVPort(HBA_HANDLE handle, const unsigned char* wwpn, port_info** ports,
+                                              unsigned int* count, port_stats** stats, bool with_stats);
+
+// ---- LUN information ----
+//
+// The LUNs behind one target remote port, named by key->vport_wwpn and
+// key->rport_wwpn when both are given (no driver call), else by the local
+// port number key->port_num and the target's position key->rport_index
+// among that port's targets.
+
+// Fills luns[0..] (sized by mirvak_GetKXLunCount). 1 when a local port of
+// that number has no such target; 0 also when the driver's list of local
+// ports simply closes. The int* is not used.
+MV_API HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info* luns, int* unused);
+
+// The number of LUNs into *count. 6 when no local port of that number has
+// such a target.
+MV_API HBA_UINT32 mirvak_GetKXLunCount(HBA_HANDLE handle, const vport_in* key, int* count);
+
+// The LUNs behind remote port `remote` of local port `local` (8-byte
+// WWPNs) in a new array the caller frees, and their number. Always 0.
+MV_API HBA_UINT32 mirvak_GetKXVPortLunInfo_by_wwn(HBA_HANDLE handle, const unsigned char* local,
+                                                  const unsigned char* remote, lun_info** luns,
+                                                  unsigned int* count);
+
+// Placeholder: a null array and a count of 0.
+MV_API HBA_UINT32 mirvak_GetKXVPortLunInfo(HBA_HANDLE handle, HBA_UINT32 port, HBA_UINT32 vport,
+                                           HBA_UINT32 rport, lun_info** luns, unsigned int* count);
+
+// Placeholder: does nothing, 0.
+MV_API HBA_UINT32 mirvak_RefreshFCoESystem();
+
 #endif
