@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "mirvak/hba_plugin.h"
+#include "mirvak/fcp_mapping.h"
 #include "mirvak/instance_map.h"
 #include "driver/walks.h"
 

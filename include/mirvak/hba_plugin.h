@@ -42,15 +42,25 @@ MV_API HBA_UINT32 mirvak_GetNumTargets(HBA_HANDLE handle, HBA_UINT32 port);
 MV_API HBA_STATUS mirvak_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, HBA_UINT32 target,
                                                      HBA_PORTATTRIBUTES* attr);
 MV_API HBA_STATUS mirvak_GetPortAttributesByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTATTRIBUTES* attr);
-MV_API HBA_STATUS mirvak_GetFCPTargetMappingv1(HBA_HANDLE handle, void* mapping);
-MV_API HBA_STATUS mirvak_GetFCPTargetMappingv2(HBA_HANDLE handle, HBA_WWN port_wwn, void* mapping);
-MV_API HBA_STATUS mirvak_SendScsiInquiry(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 fcp_lun, HBA_UINT8 evpd,
+/* The FCP target mapping functions are declared in mirvak/fcp_mapping.h,
+ * with the packed mapping records they write. */
+
+/* SCSI commands to the LUN behind a target of the local port port_wwn,
+ * through the host's SCSI generic driver. The transfer lengths are fixed:
+ * an INQUIRY response buffer must hold 96 bytes and a REPORT LUNS one 1024.
+ * READ CAPACITY leaves the caller's buffers as they are. */MV_API HBA_STATUS mirvak_SendScsiInquiry(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 fcp_lun, HBA_UINT8 evpd,
                                          HBA_UINT32 page, void* rsp, HBA_UINT32 rsp_size, void* sense,
                                          HBA_UINT32 sense_size);
 MV_API HBA_STATUS mirvak_SendReportLUNs(HBA_HANDLE handle, HBA_WWN port_wwn, void* rsp, HBA_UINT32 rsp_size,
                                         void* sense, HBA_UINT32 sense_size);
 MV_API HBA_STATUS mirvak_SendReadCapacity(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 fcp_lun, void* rsp,
                                           HBA_UINT32 rsp_size, void* sense, HBA_UINT32 sense_size);
+/* INQUIRY sent to the device node at `path` (the FCP LUN is not used):
+ * 0, 14 when the node cannot be opened, 1 when it is no SCSI generic device
+ * or the command cannot be issued. The response and sense sizes are read,
+ * not written. */
+MV_API HBA_STATUS mirvak_issue_inquiry(const char* path, HBA_UINT8 evpd, HBA_UINT32 page, HBA_UINT64 fcp_lun,
+                                       void* rsp, HBA_UINT32* rsp_size, void* sense, HBA_UINT32* sense_size);
 
 #ifdef __cplusplus
 }

@@ -1,6 +1,7 @@
 // Registration with the front library and the library's lifecycle.
 #include <cstring>
 
+#include "mirvak/fcp_mapping.h"
 #include "mirvak/hba_plugin.h"
 #include "mirvak/instance_map.h"
 #include "sim/tusksim.h"
