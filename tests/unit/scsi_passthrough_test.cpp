@@ -236,6 +236,22 @@ TEST_F(ScsiTest, ReportLunsOfTwoLunsSaysEntries) {
     EXPECT_EQ(mirvak_simsg_open_descriptors(), 0u);
 }
 
+TEST_F(ScsiTest, ReportLunsLongerThanTheTransferIsOnlyCounted) {
+    // 200 LUNs make a 1600-byte list; 1024 bytes arrive and only the length
+    // in front is read.
+    std::string luns = R"({"lun":0,"block":"sdb"})";
+    for (int l = 1; l < 200; ++l)
+        luns += R"(,{"lun":)" + std::to_string(l) + R"(,"block":"sdx)" + std::to_string(l) + "\"}";
+    Use(Fabric(luns));
+    std::vector<uint8_t> buf(1024 + 64);
+    Fill(buf.data(), buf.size());
+    HBA_STATUS s = 0;
+    const std::string out = CaptureOut([&] { s = mirvak_SendReportLUNs(handle, kPort, buf.data(), 1024, sense, 32); });
+    EXPECT_EQ(s, 0u);
+    EXPECT_EQ(Own(out), "Lun list length = 1600 which imples 200 lun entries\n");
+    EXPECT_TRUE(Untouched(buf.data() + 1024, 64));
+}
+
 TEST_F(ScsiTest, ReportLunsToAMissingNodeAnswersMinusOne) {
     Use(Fabric(R"({"lun":0,"block":"sdb","no_device":true})"));
     HBA_STATUS s = 0;
