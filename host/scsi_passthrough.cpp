@@ -65,7 +65,8 @@ void put_be32(unsigned char* p, uint32_t v) {
 // Descriptors the original left open on its error paths are closed here;
 // callers see no difference.
 struct Descriptor {
-    int fd;
+    int fd = -1;
+    Descriptor() = default;
     explicit Descriptor(const char* path) : fd(open(path, O_RDONLY)) {}
     ~Descriptor() {
         if (fd >= 0) close(fd);
@@ -74,6 +75,21 @@ struct Descriptor {
     Descriptor& operator=(const Descriptor&) = delete;
     bool ok() const { return fd >= 0; }
 };
+
+// REPORT LUNS and READ CAPACITY go to the first LUN found behind the port:
+// its node opened as a SCSI generic device in `dev`. 0, or the lookup's
+// status, or -1 when the node cannot be opened or is no such device.
+HBA_STATUS open_first_lun(HBA_HANDLE handle, HBA_WWN port_wwn, Descriptor& dev) {
+    char path[kPathBuffer];
+    if (int s = look_up(handle, 0, port_wwn, 1, path)) return static_cast<HBA_STATUS>(s);
+    dev.fd = open(path, O_RDONLY);
+    if (!dev.ok()) return kMinusOne;
+    if (!sg_version_ok(dev.fd)) {
+        std::printf("%s is not an sg device, or old sg driver\n", path);
+        return kMinusOne;
+    }
+    return HBA_STATUS_OK;
+}
 
 }  // namespace
 
@@ -121,14 +137,8 @@ HBA_STATUS mirvak_SendReportLUNs(HBA_HANDLE handle, HBA_WWN port_wwn, void* rsp,
     unsigned char cdb[12] = {0xA0};
     put_be32(&cdb[6], rsp_size);
 
-    char path[kPathBuffer];
-    if (int s = look_up(handle, 0, port_wwn, 1, path)) return static_cast<HBA_STATUS>(s);
-    Descriptor dev(path);
-    if (!dev.ok()) return kMinusOne;
-    if (!sg_version_ok(dev.fd)) {
-        std::printf("%s is not an sg device, or old sg driver\n", path);
-        return kMinusOne;
-    }
+    Descriptor dev;
+    if (HBA_STATUS s = open_first_lun(handle, port_wwn, dev)) return s;
     sg_io_hdr_t io = request(cdb, sizeof cdb, static_cast<unsigned char>(sense_size), kReportLunsTransfer, rsp, sense,
                              kTimeoutMs);
     if (ioctl(dev.fd, SG_IO, &io) < 0) {
@@ -152,14 +162,8 @@ HBA_STATUS mirvak_SendReadCapacity(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT
     // gives, and the answer stays in private buffers: the caller's response
     // and sense buffers are left as they were. Agents only look at the
     // status.
-    char path[kPathBuffer];
-    if (int s = look_up(handle, 0, port_wwn, 1, path)) return static_cast<HBA_STATUS>(s);
-    Descriptor dev(path);
-    if (!dev.ok()) return kMinusOne;
-    if (!sg_version_ok(dev.fd)) {
-        std::printf("%s is not an sg device, or old sg driver\n", path);
-        return kMinusOne;
-    }
+    Descriptor dev;
+    if (HBA_STATUS s = open_first_lun(handle, port_wwn, dev)) return s;
     unsigned char data[kCapacityTransfer] = {};
     unsigned char sense[kCapacityTransfer] = {};
     sg_io_hdr_t io = request(cdb, sizeof cdb, sizeof sense, kCapacityTransfer, data, sense, kTimeoutMs);
