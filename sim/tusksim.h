@@ -20,7 +20,8 @@
  *   -EEXIST (-17) create: the WWPN is already a local port of some adapter
  *   -ENOSPC (-28) create: the physical port has max_vports virtual ports
  *   -EIO    (-5)  create/delete: the description file could not be written
- *                 back (the change is undone)
+ *                 back, or the simulated host under MIRVAK_SIM_ROOT could
+ *                 not be written again (the change is undone)
  * plus the adapter's probe_status and its NPIV policy's create_status and
  * delete_status, and the status of an injected fault.
  */
@@ -62,6 +63,10 @@ void tusksim_reset_counts(void);
 
 /* Handles opened and not yet closed. */
 uint32_t tusksim_open_handles(void);
+/* The handle that the latest successful open_adapter or open_adapter_str
+ * gave, whether or not it is still open (0 before the first). Lets a test
+ * close a handle that the code under test deliberately left open. */
+uint32_t tusksim_last_handle(void);
 
 /* Fault injection: the nth call (from 1, counted from now) of op returns
  * status without doing anything (the record is not touched; open_adapter

@@ -107,6 +107,10 @@ uint32_t tusksim_open_handles(void) {
     return control([](Driver& d) { return static_cast<uint32_t>(d.open_handles()); });
 }
 
+uint32_t tusksim_last_handle(void) {
+    return control([](Driver& d) { return d.last_handle(); });
+}
+
 int tusksim_add_fault(const char* op, uint32_t nth, int status, int every) {
     const auto which = tusksim::op_by_name(op);
     if (!which || nth == 0) return -1;

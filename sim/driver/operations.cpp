@@ -4,8 +4,10 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "host_view.h"
 #include "model.h"
 #include "state.h"
 
@@ -65,21 +67,34 @@ std::optional<uint32_t> instance_of(const char* path) {
 
 // Create and delete: the adapter's policy may refuse at once; any refusal
 // leaves -5 in the request when the policy asks for that marker; a change
-// is written back to the description file it came from (and undone when
-// that fails).
+// is written back to the description file it came from and shown by the
+// simulated host (see host_view.h), and undone when either fails. Before
+// the change every local node's SCSI host number is pinned, so that the
+// ports that stay keep their fc_host entries; change gets the first free
+// number for a new port.
 template <class Change>
 int change_vports(Op op, uint32_t handle, void* rec, int sim::NpivPolicy::*forced, Change change) {
     return fill<npiv_req>(op, handle, rec, [&](Driver& d, sim::Adapter& a, npiv_req& req) -> int {
+        const bool marker = a.npiv.refused_marker;
         int status = a.npiv.*forced;
         if (status == 0) {
-            const sim::Fabric before = d.fabric();
-            status = change(d.fabric(), a, req);
-            if (status == 0 && d.persist() != 0) {
-                d.fabric() = before;
+            sim::Fabric before = d.fabric();
+            const std::optional<int> next_host = pin_scsi_hosts(d.fabric());
+            status = change(d.fabric(), a, req, next_host);
+            // `a` may point into the fabric replaced below: not used after this.
+            if (status != 0) {
+                d.fabric() = std::move(before);  // the pins go with the refused change
+            } else if (d.persist() != 0) {
+                d.fabric() = std::move(before);
+                return kIoError;
+            } else if (publish_host(d.fabric()) != 0) {
+                d.fabric() = std::move(before);
+                d.persist();
+                publish_host(d.fabric());
                 return kIoError;
             }
         }
-        if (status != 0 && a.npiv.refused_marker) req.status = NPIV_REQ_REFUSED;
+        if (status != 0 && marker) req.status = NPIV_REQ_REFUSED;
         return status;
     });
 }
@@ -180,12 +195,20 @@ int tusk_list_npiv_port(uint32_t handle, void* list, uint32_t size) {
 }
 
 int tusk_create_npiv_port(uint32_t handle, void* req) {
-    return change_vports(Op::CreateNpivPort, handle, req, &sim::NpivPolicy::create_status, create_vport);
+    return change_vports(Op::CreateNpivPort, handle, req, &sim::NpivPolicy::create_status,
+                         [](sim::Fabric& f, sim::Adapter& a, const npiv_req& r, std::optional<int> host) {
+                             const int status = create_vport(f, a, r);
+                             // The new port's fc_host comes after every other.
+                             if (status == 0) a.lnodes.back().scsi_host = host;
+                             return status;
+                         });
 }
 
 int tusk_delete_npiv_port(uint32_t handle, void* req) {
     return change_vports(Op::DeleteNpivPort, handle, req, &sim::NpivPolicy::delete_status,
-                         [](const sim::Fabric&, sim::Adapter& a, const npiv_req& r) { return delete_vport(a, r); });
+                         [](sim::Fabric&, sim::Adapter& a, const npiv_req& r, std::optional<int>) {
+                             return delete_vport(a, r);
+                         });
 }
 
 }  // extern "C"

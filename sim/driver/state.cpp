@@ -111,6 +111,7 @@ uint32_t Driver::open(uint32_t instance) {
     while (handles_.count(h) != 0) h = h >= kLastHandle ? kFirstHandle : h + 1;
     next_handle_ = h >= kLastHandle ? kFirstHandle : h + 1;
     handles_[h] = instance;
+    last_handle_ = h;
     return h;
 }
 

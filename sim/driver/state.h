@@ -61,6 +61,8 @@ public:
     // The adapter behind an open handle, or nullptr with the status to return.
     sim::Adapter* adapter(uint32_t handle, int& status);
     std::size_t open_handles() const { return handles_.size(); }
+    // The handle the latest successful open gave (0 before any).
+    uint32_t last_handle() const { return last_handle_; }
 
     std::string& dump_buffer() { return dump_; }
 
@@ -83,6 +85,7 @@ private:
     // Handles look like the descriptors the real driver hands out: small
     // numbers (the HBA API front library keeps only a handle's low 16 bits).
     uint32_t next_handle_ = kFirstHandle;
+    uint32_t last_handle_ = 0;
     std::string dump_;
 };
 

@@ -49,6 +49,9 @@
 //     the plug-in and the front library included. The effect is process-wide,
 //     so tests set MIRVAK_SIM_ROOT only for as long as they need it.
 //
+// Every redirected call is counted (files, directories, other lookups; see
+// mirvak_sim_redirected_files in redirect.h).
+//
 // Adding a system path means adding one line to kPrefixes.
 
 #undef _FORTIFY_SOURCE  // the fortified inline wrappers would clash with the definitions below
@@ -150,11 +153,25 @@ void* next_symbol(std::atomic<void*>& slot, const char* name) {
         }(),                                                                  \
         #fn))
 
+// What an intercepted call does with its path, for the counts of
+// redirected calls (redirect.h).
+enum class Use { File, Directory, Lookup };
+
+std::atomic<std::size_t> g_redirected_files{0};
+std::atomic<std::size_t> g_redirected_dirs{0};
+std::atomic<std::size_t> g_redirected_lookups{0};
+
+void count_redirected(Use use) {
+    std::atomic<std::size_t>& c =
+        use == Use::File ? g_redirected_files : use == Use::Directory ? g_redirected_dirs : g_redirected_lookups;
+    c.fetch_add(1, std::memory_order_relaxed);
+}
+
 // Calls real(mapped path) for the intercepted function; `failed` is its
 // error result (with errno set) when the path cannot be mapped or the next
-// definition is missing.
+// definition is missing. A path that was redirected is counted under use.
 template <typename R, typename Fn, typename Call>
-R forward(Fn real, const char* path, R failed, Call call) {
+R forward(Fn real, const char* path, R failed, Call call, Use use = Use::Lookup) {
     if (real == nullptr) {
         errno = ENOSYS;
         return failed;
@@ -162,6 +179,7 @@ R forward(Fn real, const char* path, R failed, Call call) {
     char buf[PATH_MAX];
     const char* mapped = mirvak_sim_map_path(path, buf, sizeof buf);
     if (mapped == nullptr) return failed;
+    if (mapped != path) count_redirected(use);
     return call(real, mapped);
 }
 
@@ -236,7 +254,7 @@ int open(const char* path, int flags, ...) {
     MIRVAK_MODE_ARG(flags, mode);
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(open), path, -1,
-                   [&](auto real, const char* p) { return real(p, flags, mode); });
+                   [&](auto real, const char* p) { return real(p, flags, mode); }, Use::File);
 }
 
 int open64(const char* path, int flags, ...) {
@@ -244,7 +262,7 @@ int open64(const char* path, int flags, ...) {
     MIRVAK_MODE_ARG(flags, mode);
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(open64), path, -1,
-                   [&](auto real, const char* p) { return real(p, flags, mode); });
+                   [&](auto real, const char* p) { return real(p, flags, mode); }, Use::File);
 }
 
 int openat(int dirfd, const char* path, int flags, ...) {
@@ -252,7 +270,7 @@ int openat(int dirfd, const char* path, int flags, ...) {
     MIRVAK_MODE_ARG(flags, mode);
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(openat), path, -1,
-                   [&](auto real, const char* p) { return real(dirfd, p, flags, mode); });
+                   [&](auto real, const char* p) { return real(dirfd, p, flags, mode); }, Use::File);
 }
 
 int openat64(int dirfd, const char* path, int flags, ...) {
@@ -260,46 +278,46 @@ int openat64(int dirfd, const char* path, int flags, ...) {
     MIRVAK_MODE_ARG(flags, mode);
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(openat64), path, -1,
-                   [&](auto real, const char* p) { return real(dirfd, p, flags, mode); });
+                   [&](auto real, const char* p) { return real(dirfd, p, flags, mode); }, Use::File);
 }
 
 int __open_2(const char* path, int flags) {
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__open_2), path, -1,
-                   [&](auto real, const char* p) { return real(p, flags); });
+                   [&](auto real, const char* p) { return real(p, flags); }, Use::File);
 }
 
 int __open64_2(const char* path, int flags) {
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__open64_2), path, -1,
-                   [&](auto real, const char* p) { return real(p, flags); });
+                   [&](auto real, const char* p) { return real(p, flags); }, Use::File);
 }
 
 int __openat_2(int dirfd, const char* path, int flags) {
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__openat_2), path, -1,
-                   [&](auto real, const char* p) { return real(dirfd, p, flags); });
+                   [&](auto real, const char* p) { return real(dirfd, p, flags); }, Use::File);
 }
 
 int __openat64_2(int dirfd, const char* path, int flags) {
     MIRVAK_DEVICE_NODE(path, flags);
     return forward(MIRVAK_NEXT(__openat64_2), path, -1,
-                   [&](auto real, const char* p) { return real(dirfd, p, flags); });
+                   [&](auto real, const char* p) { return real(dirfd, p, flags); }, Use::File);
 }
 
 FILE* fopen(const char* path, const char* mode) {
     return forward(MIRVAK_NEXT(fopen), path, static_cast<FILE*>(nullptr),
-                   [&](auto real, const char* p) { return real(p, mode); });
+                   [&](auto real, const char* p) { return real(p, mode); }, Use::File);
 }
 
 FILE* fopen64(const char* path, const char* mode) {
     return forward(MIRVAK_NEXT(fopen64), path, static_cast<FILE*>(nullptr),
-                   [&](auto real, const char* p) { return real(p, mode); });
+                   [&](auto real, const char* p) { return real(p, mode); }, Use::File);
 }
 
 DIR* opendir(const char* path) {
     return forward(MIRVAK_NEXT(opendir), path, static_cast<DIR*>(nullptr),
-                   [&](auto real, const char* p) { return real(p); });
+                   [&](auto real, const char* p) { return real(p); }, Use::Directory);
 }
 
 int access(const char* path, int mode) noexcept {
@@ -417,6 +435,16 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
 int close(int fd) {
     sim::sg::forget_descriptor(fd);
     return sim::sg::real_close(fd);
+}
+
+std::size_t mirvak_sim_redirected_files(void) { return g_redirected_files.load(std::memory_order_relaxed); }
+std::size_t mirvak_sim_redirected_dirs(void) { return g_redirected_dirs.load(std::memory_order_relaxed); }
+std::size_t mirvak_sim_redirected_lookups(void) { return g_redirected_lookups.load(std::memory_order_relaxed); }
+
+void mirvak_sim_reset_redirected(void) {
+    g_redirected_files.store(0, std::memory_order_relaxed);
+    g_redirected_dirs.store(0, std::memory_order_relaxed);
+    g_redirected_lookups.store(0, std::memory_order_relaxed);
 }
 
 }  // extern "C"

@@ -62,6 +62,17 @@ std::size_t mirvak_simsg_open_descriptors(void);
 // Forget the recorded requests and counts (open descriptors stay).
 void mirvak_simsg_reset(void);
 
+// Calls whose path the redirector mapped under MIRVAK_SIM_ROOT since the
+// last reset, whether or not the file was there: files opened (the open
+// forms and fopen), directories opened (opendir), and every other path
+// lookup (access, the stat forms, the xattr calls). Benchmarks read them to
+// tell how many sysfs files a call of the plug-in opens. The simulated
+// device nodes are not counted here (see mirvak_simsg_opens).
+std::size_t mirvak_sim_redirected_files(void);
+std::size_t mirvak_sim_redirected_dirs(void);
+std::size_t mirvak_sim_redirected_lookups(void);
+void mirvak_sim_reset_redirected(void);
+
 }
 
 #endif

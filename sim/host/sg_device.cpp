@@ -14,10 +14,12 @@
 //     ENOTTY. Descriptors that are not device nodes go to the real ioctl.
 //   - close forgets the descriptor.
 //
-// The index is read again at every open of a /dev path and parsed again
-// when the root or the file's contents changed, so tests that regenerate
-// the host within one process see the new devices at once. A descriptor
-// keeps the device it was opened as.
+// The index's stamp (ROOT/sim/sg.stamp, rewritten with every index) is read
+// again at every open of a /dev path, and the index is read and parsed again
+// when the root or the stamp changed (without a stamp: at every open, parsed
+// again when its contents changed), so tests that regenerate the host within
+// one process see the new devices at once. A descriptor keeps the device it
+// was opened as.
 //
 // A descriptor number can leave the table unseen (closed by close_range, or
 // by a library that calls the system call directly); each use therefore
@@ -49,7 +51,8 @@ namespace sim {
 namespace sg {
 namespace {
 
-constexpr std::size_t kMaxIndexBytes = 16u << 20;
+// The index of the largest generated host (a million LUNs) fits.
+constexpr std::size_t kMaxIndexBytes = 1u << 30;
 constexpr std::size_t kKeptRequests = 4096;
 // Largest transfer accepted, as a host adapter's limit; above it SG_IO
 // fails with EIO as the block layer's does.
@@ -63,8 +66,9 @@ struct OpenNode {
 
 struct State {
     std::mutex mu;
-    // The parsed index and what it was parsed from.
-    std::string root, text;
+    // The parsed index and what it was parsed from: its stamp, or (for an
+    // index without one) its text.
+    std::string root, text, stamp;
     std::map<std::string, std::shared_ptr<const Device>> devices;
     std::map<int, OpenNode> fds;
     std::deque<mirvak_simsg_request> requests;
@@ -109,21 +113,28 @@ bool read_file(const std::string& path, std::string& out) {
 std::shared_ptr<const Device> lookup(State& s, const char* path) {
     const char* root = getenv(kRootEnv);
     if (root == nullptr || root[0] == '\0') return nullptr;
-    std::string text;
-    if (!read_file(std::string(root) + "/" + kIndexFile, text)) return nullptr;
-    if (s.root != root || s.text != text) {
-        s.devices.clear();
-        try {
-            // The first entry for a path wins.
-            for (Device& d : index_from_json(nlohmann::json::parse(text))) {
-                const std::string key = d.path;
-                s.devices.emplace(key, std::make_shared<const Device>(std::move(d)));
+    // An index parsed under the stamp that is there now is not read again
+    // (a large host's index is megabytes, and every LUN's node is opened).
+    std::string stamp;
+    if (!read_file(std::string(root) + "/" + kStampFile, stamp)) stamp.clear();
+    if (stamp.empty() || s.root != root || s.stamp != stamp) {
+        std::string text;
+        if (!read_file(std::string(root) + "/" + kIndexFile, text)) return nullptr;
+        if (s.root != root || !stamp.empty() || !s.stamp.empty() || s.text != text) {
+            s.devices.clear();
+            try {
+                // The first entry for a path wins.
+                for (Device& d : index_from_json(nlohmann::json::parse(text))) {
+                    const std::string key = d.path;
+                    s.devices.emplace(key, std::make_shared<const Device>(std::move(d)));
+                }
+            } catch (const std::exception&) {
+                s.devices.clear();  // an unreadable index simulates nothing
             }
-        } catch (const std::exception&) {
-            s.devices.clear();  // an unreadable index simulates nothing
         }
         s.root = root;
-        s.text = std::move(text);
+        s.text = stamp.empty() ? std::move(text) : std::string();
+        s.stamp = std::move(stamp);
     }
     const auto it = s.devices.find(path);
     return it == s.devices.end() ? nullptr : it->second;
@@ -169,7 +180,9 @@ int sg_io(State& s, const Device& d, void* arg) {
     rec.flags = h.flags;
     rec.pack_id = h.pack_id;
     rec.usr_ptr = h.usr_ptr;
-    if (h.cmdp != nullptr) memcpy(rec.cdb, h.cmdp, std::min<std::size_t>(h.cmd_len, sizeof rec.cdb));
+    // Like the block layer, a CDB length outside 6..16 is refused before a
+    // byte of the CDB is read: such a request is recorded without its bytes.
+    if (h.cmdp != nullptr && h.cmd_len >= 6 && h.cmd_len <= sizeof rec.cdb) memcpy(rec.cdb, h.cmdp, h.cmd_len);
 
     int err = 0;
     if (d.sg_fail)

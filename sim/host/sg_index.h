@@ -2,7 +2,8 @@
 // (sysfs_gen.cpp) and the redirector reads (sg_device.cpp) to answer opens
 // and SCSI generic ioctls of the LUNs' block device nodes.
 //
-// File: ROOT/sim/sg.json, one JSON object:
+// File: ROOT/sim/sg.json, one JSON object (the generator writes it on one
+// line, so that large hosts stay small):
 //
 //   {
 //     "format": 1,
@@ -45,6 +46,11 @@ namespace sg {
 // Where the index lives, relative to the simulated host's root.
 constexpr const char* kIndexDir = "sim";
 constexpr const char* kIndexFile = "sim/sg.json";
+// Written after the index: its length and hashes of its text. A reader
+// that parsed the index under this stamp need not read the index again
+// while the stamp stays. A tool that writes sg.json itself removes or
+// rewrites sg.stamp.
+constexpr const char* kStampFile = "sim/sg.stamp";
 constexpr int kIndexFormat = 1;
 
 // What a block device's SG_GET_VERSION_NUM answers.

@@ -14,6 +14,7 @@
 //       targetH:0:T/H:0:T:L/block/sdX/size        (when block_dir)
 //   etc/hba.conf
 //   sim/sg.json        (the SCSI device index, see sg_index.h)
+//   sim/sg.stamp       (the index's length and hashes)
 //
 // A LUN's sysfs_name replaces H:0:T:L; vendor_text and size_text replace the
 // vendor and size files' contents.
@@ -281,29 +282,40 @@ std::vector<HostAssignment> assign_hosts(const Fabric& f) {
     return out;
 }
 
-void generate_host(const Fabric& f, const std::string& root, const HostOptions& opt) {
+namespace {
+
+// The index's stamp: its length and two 64-bit hashes of its text (FNV-1a
+// and djb2), so that a reader can tell a changed index from its stamp
+// alone; an index written again with the same contents keeps its stamp.
+std::string index_stamp(const std::string& text) {
+    unsigned long long fnv = 14695981039346656037ull, djb = 5381;
+    for (const unsigned char c : text) {
+        fnv = (fnv ^ c) * 1099511628211ull;
+        djb = djb * 33 + c;
+    }
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%zu-%016llx-%016llx\n", text.size(), fnv, djb);
+    return buf;
+}
+
+// The root folder as given, refusing the machine's own "/" (the tree
+// replaces folders below it).
+fs::path checked_root(const std::string& root) {
     if (root.empty()) throw std::runtime_error("simulated host: empty root folder name");
     const fs::path base(root);
-    {
-        // The tree replaces root/etc: never let that be the machine's own.
-        std::error_code ec;
-        const fs::path canon = fs::weakly_canonical(base, ec);
-        if (ec) fail(base, "cannot resolve", ec);
-        if (canon == canon.root_path())
-            throw std::runtime_error("simulated host: refusing to write into " + canon.string());
-    }
-    if (opt.plugin_name.empty() || opt.plugin_name.find_first_of(" \t\n") != std::string::npos)
-        throw std::runtime_error("simulated host: unusable plug-in name \"" + opt.plugin_name + "\"");
-    if (opt.plugin_path.find('\n') != std::string::npos)
-        throw std::runtime_error("simulated host: unusable plug-in path \"" + opt.plugin_path + "\"");
+    std::error_code ec;
+    const fs::path canon = fs::weakly_canonical(base, ec);
+    if (ec) fail(base, "cannot resolve", ec);
+    if (canon == canon.root_path())
+        throw std::runtime_error("simulated host: refusing to write into " + canon.string());
+    return base;
+}
 
-    const std::vector<HostAssignment> hosts = assign_hosts(f);  // validate before removing anything
-
+// root/sys/class/fc_host and root/sim, written afresh.
+void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<HostAssignment>& hosts) {
     const fs::path class_dir = base / "sys" / "class" / "fc_host";
-    const fs::path etc = base / "etc";
-    remove_tree(class_dir);
-    remove_tree(etc);
     const fs::path sg_dir = base / sg::kIndexDir;
+    remove_tree(class_dir);
     remove_tree(sg_dir);
     std::vector<sg::Device> index;
 
@@ -311,11 +323,35 @@ void generate_host(const Fabric& f, const std::string& root, const HostOptions& 
     for (const HostAssignment& h : hosts)
         write_host(class_dir, h.host, f.adapters[h.adapter].lnodes[h.lnode], index);
 
+    make_dirs(sg_dir);
+    const std::string text =
+        sg::index_to_json(index).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    write_file(base / sg::kIndexFile, text);
+    write_file(base / sg::kStampFile, index_stamp(text));
+}
+
+}  // namespace
+
+void generate_host(const Fabric& f, const std::string& root, const HostOptions& opt) {
+    const fs::path base = checked_root(root);
+    if (opt.plugin_name.empty() || opt.plugin_name.find_first_of(" \t\n") != std::string::npos)
+        throw std::runtime_error("simulated host: unusable plug-in name \"" + opt.plugin_name + "\"");
+    if (opt.plugin_path.find('\n') != std::string::npos)
+        throw std::runtime_error("simulated host: unusable plug-in path \"" + opt.plugin_path + "\"");
+
+    const std::vector<HostAssignment> hosts = assign_hosts(f);  // validate before removing anything
+
+    const fs::path etc = base / "etc";
+    remove_tree(etc);
+    write_scsi_view(f, base, hosts);
+
     make_dirs(etc);
     write_hba_conf(etc, opt);
+}
 
-    make_dirs(sg_dir);
-    write_file(base / sg::kIndexFile, sg::index_to_json(index).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+void update_scsi_view(const Fabric& f, const std::string& root) {
+    const fs::path base = checked_root(root);
+    write_scsi_view(f, base, assign_hosts(f));
 }
 
 }  // namespace sim

@@ -43,6 +43,12 @@ std::vector<HostAssignment> assign_hosts(const Fabric& f);
 // failure (and refuses a root that is the machine's own "/").
 void generate_host(const Fabric& f, const std::string& root, const HostOptions& opt = {});
 
+// Rewrite only the SCSI view of f under root (root/sys/class/fc_host and
+// root/sim), leaving root/etc/hba.conf as it is: what the simulated driver
+// does after it created or deleted a virtual port. Throws like
+// generate_host.
+void update_scsi_view(const Fabric& f, const std::string& root);
+
 }  // namespace sim
 
 #endif

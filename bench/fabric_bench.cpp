@@ -1,0 +1,349 @@
+// How long the plug-in's heaviest requests take on small, medium and large
+// simulated systems, and how much of the driver and of sysfs each call
+// touches.
+//
+// For each size the program makes a fabric (sim/scale_fabric.h), loads it
+// into the simulated driver library, writes its host view (sysfs tree and
+// SCSI device index) under a private folder and points the path redirector,
+// which is linked into this program as into the tests, at it. Then it times:
+//
+//   Floor                one plain pass over the same sysfs tree: every
+//                        directory opened and every file opened and read
+//                        once, through the same redirected paths;
+//   GetFCoEAll           MvFCoEIni::GetFCoEAll, the whole-system snapshot;
+//   GetFCPTargetMapping  version 2 (with the LUID of each LUN, asked of the
+//                        simulated device nodes over SG_IO) for physical
+//                        port 0 of the first adapter;
+//   GetLunInfo           MvFCoEIni::GetLunInfo for the last target of the
+//                        last physical port of the last adapter, named by WWN.
+//
+// Counters, per call: drv_calls (driver library operations,
+// tusksim_call_total), files, dirs and lookups (paths the redirector mapped
+// into the simulated host: files opened, directories opened, other look-ups
+// such as access and stat), sg_opens (simulated device nodes opened), and
+// for the snapshot its length in bytes.
+//
+// What the plug-in prints (progress lines) goes to /dev/null while it is
+// timed; formatting it is part of the time.
+//
+// The folder for the trees: $MIRVAK_BENCH_DIR, else /dev/shm when it is
+// there (a tmpfs, so that the disk does not dominate), else $TMPDIR or /tmp.
+#include <benchmark/benchmark.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "mirvak/fcp_mapping.h"
+#include "mirvak/hba_plugin.h"
+#include "mirvak/mgmt_records.h"
+#include "mirvak/mv_fcoe_ini.h"
+#include "redirect.h"
+#include "scale_fabric.h"
+#include "sysfs_gen.h"
+#include "tusksim.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Size {
+    const char* name;
+    sim::ScaleParams params;
+};
+
+// adapters, physical ports per adapter, virtual ports per port, targets per
+// local port, LUNs per target. 32 targets stay below the 35 discovered
+// ports beyond which the snapshot pauses 5 seconds on purpose.
+const Size kSizes[] = {
+    {"small", {1, 1, 1, 2, 2}},
+    {"medium", {2, 2, 4, 8, 4}},
+    {"large", {4, 2, 16, 32, 8}},
+};
+
+std::string bench_parent() {
+    if (const char* d = std::getenv("MIRVAK_BENCH_DIR"); d != nullptr && d[0] != '\0') return d;
+    if (access("/dev/shm", W_OK) == 0) return "/dev/shm";
+    if (const char* t = std::getenv("TMPDIR"); t != nullptr && t[0] != '\0') return t;
+    return "/tmp";
+}
+
+// One simulated system: the fabric in the driver, its host on disk, the
+// facade loaded, and the keys the requests use.
+class World {
+public:
+    explicit World(const Size& size) : fabric_(sim::scale_fabric(size.params)) {
+        std::string tmpl = bench_parent() + "/mirvak-bench-" + size.name + "-XXXXXX";
+        if (mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("cannot make a folder under " + bench_parent());
+        root_ = tmpl;
+        char err[512] = {};
+        const std::string text = sim::fabric_to_json(fabric_).dump();
+        if (tusksim_load_text(text.c_str(), size.name, err, sizeof err) != 0) throw std::runtime_error(err);
+        sim::generate_host(fabric_, root_);
+        setenv(sim::kRootEnv, root_.c_str(), 1);
+        facade_ = std::make_unique<MvFCoEIni>();
+
+        const HBA_UINT32 n = mirvak_GetNumberOfAdapters();
+        for (HBA_UINT32 i = 0; i < n; ++i) {
+            char name[256] = {};
+            if (mirvak_GetAdapterName(i, name) == HBA_STATUS_OK) names_.emplace_back(name);
+        }
+        if (names_.size() != fabric_.adapters.size()) throw std::runtime_error("the plug-in does not list every adapter");
+
+        // GetFCPTargetMapping: physical port 0 of the first adapter.
+        handle_ = mirvak_OpenAdapter(names_.front().c_str());
+        if (handle_ == 0xFFFFFFFFu) throw std::runtime_error("cannot open " + names_.front());
+        std::memcpy(mapping_port_.wwn, fabric_.adapters.front().lnodes.front().port_wwn.data(), 8);
+        const sim::LocalNode& first = fabric_.adapters.front().lnodes.front();
+        std::size_t port_luns = 0;
+        for (const auto& rn : first.rnodes) port_luns += rn.luns.size();
+        // Room for every LUN of the port, whatever positions the entries take.
+        mapping_.assign(sizeof(uint32_t) + sizeof(MV_FCPSCSIENTRYV2) * (port_luns + 1), 0);
+
+        // GetLunInfo: the last target of the last physical port of the last adapter.
+        const sim::Adapter& last = fabric_.adapters.back();
+        const uint32_t port = size.params.ports - 1;
+        const sim::LocalNode& ln = last.lnodes[port];
+        std::memset(&lun_key_, 0, sizeof lun_key_);
+        std::snprintf(lun_key_.adapter_name, sizeof lun_key_.adapter_name, "%s", names_.back().c_str());
+        lun_key_.port_num = static_cast<uint16_t>(port);
+        lun_key_.rport_index = static_cast<uint16_t>(ln.rnodes.size() - 1);
+        std::memcpy(lun_key_.vport_wwpn, ln.port_wwn.data(), 8);
+        std::memcpy(lun_key_.rport_wwpn, ln.rnodes.back().port_wwn.data(), 8);
+    }
+
+    ~World() {
+        if (handle_ != 0xFFFFFFFFu) mirvak_CloseAdapter(handle_);
+        facade_.reset();
+        unsetenv(sim::kRootEnv);
+        std::error_code ec;
+        fs::remove_all(root_, ec);
+    }
+
+    MvFCoEIni& facade() { return *facade_; }
+    HBA_HANDLE handle() const { return handle_; }
+    const HBA_WWN& mapping_port() const { return mapping_port_; }
+    void* mapping() { return mapping_.data(); }
+    vport_in& lun_key() { return lun_key_; }
+
+private:
+    sim::Fabric fabric_;
+    std::string root_;
+    std::unique_ptr<MvFCoEIni> facade_;
+    std::vector<std::string> names_;
+    HBA_HANDLE handle_ = 0xFFFFFFFFu;
+    HBA_WWN mapping_port_{};
+    std::vector<uint8_t> mapping_;
+    vport_in lun_key_{};
+};
+
+// The system of one size; building another removes the one before. Null,
+// with the benchmark marked failed, when it cannot be built.
+World* world(benchmark::State& st, std::size_t size) {
+    static std::unique_ptr<World> current;
+    static std::size_t current_size = static_cast<std::size_t>(-1);
+    if (current_size != size) {
+        current.reset();
+        current_size = static_cast<std::size_t>(-1);
+        try {
+            current = std::make_unique<World>(kSizes[size]);
+        } catch (const std::exception& e) {
+            st.SkipWithError(e.what());
+            return nullptr;
+        }
+        current_size = size;
+    }
+    return current.get();
+}
+
+// Standard output to /dev/null while the plug-in is timed.
+class Quiet {
+public:
+    Quiet() {
+        std::fflush(stdout);
+        saved_ = dup(STDOUT_FILENO);
+        const int null = open("/dev/null", O_WRONLY);
+        if (null >= 0) {
+            dup2(null, STDOUT_FILENO);
+            close(null);
+        }
+    }
+    ~Quiet() {
+        std::fflush(stdout);
+        if (saved_ >= 0) {
+            dup2(saved_, STDOUT_FILENO);
+            close(saved_);
+        }
+    }
+
+private:
+    int saved_ = -1;
+};
+
+// Driver calls and redirected paths over the timed loop, per iteration.
+class Tally {
+public:
+    Tally() {
+        tusksim_reset_counts();
+        mirvak_sim_reset_redirected();
+        mirvak_simsg_reset();
+    }
+    void report(benchmark::State& st) const {
+        const auto per_call = [&](double v) { return benchmark::Counter(v, benchmark::Counter::kAvgIterations); };
+        st.counters["drv_calls"] = per_call(static_cast<double>(tusksim_call_total()));
+        st.counters["files"] = per_call(static_cast<double>(mirvak_sim_redirected_files()));
+        st.counters["dirs"] = per_call(static_cast<double>(mirvak_sim_redirected_dirs()));
+        st.counters["lookups"] = per_call(static_cast<double>(mirvak_sim_redirected_lookups()));
+        st.counters["sg_opens"] = per_call(static_cast<double>(mirvak_simsg_opens()));
+    }
+};
+
+// Every directory and file below dir once: what reading the tree costs at
+// the least.
+void read_tree(const std::string& dir, std::size_t& bytes) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return;
+    while (const dirent* e = readdir(d)) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        const std::string path = dir + "/" + e->d_name;
+        unsigned char type = e->d_type;
+        if (type == DT_UNKNOWN) {
+            struct stat st {};
+            if (lstat(path.c_str(), &st) != 0) continue;
+            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
+        }
+        if (type == DT_DIR) {
+            read_tree(path, bytes);
+        } else if (type == DT_REG) {
+            const int fd = open(path.c_str(), O_RDONLY);
+            if (fd < 0) continue;
+            char buf[4096];
+            ssize_t n = 0;
+            while ((n = read(fd, buf, sizeof buf)) > 0) bytes += static_cast<std::size_t>(n);
+            close(fd);
+        }
+    }
+    closedir(d);
+}
+
+void BM_Floor(benchmark::State& st, std::size_t size) {
+    if (world(st, size) == nullptr) return;
+    std::size_t bytes = 0;
+    Tally tally;
+    for (auto _ : st) {
+        read_tree("/sys/class/fc_host", bytes);
+        benchmark::DoNotOptimize(bytes);
+    }
+    tally.report(st);
+}
+
+void BM_GetFCoEAll(benchmark::State& st, std::size_t size) {
+    World* const world_of_size = world(st, size);
+    if (world_of_size == nullptr) return;
+    World& w = *world_of_size;
+    unsigned int length = 0;
+    Tally tally;
+    {
+        Quiet quiet;
+        for (auto _ : st) {
+            void* snapshot = w.facade().GetFCoEAll(nullptr, &length);
+            benchmark::DoNotOptimize(snapshot);
+            if (snapshot == nullptr) {
+                st.SkipWithError("GetFCoEAll returned no snapshot");
+                break;
+            }
+            std::free(snapshot);
+        }
+    }
+    tally.report(st);
+    st.counters["bytes"] = static_cast<double>(length);
+}
+
+void BM_GetFCPTargetMapping(benchmark::State& st, std::size_t size) {
+    World* const world_of_size = world(st, size);
+    if (world_of_size == nullptr) return;
+    World& w = *world_of_size;
+    int status = 0;
+    uint32_t entries = 0;
+    Tally tally;
+    {
+        Quiet quiet;
+        for (auto _ : st) {
+            std::memset(w.mapping(), 0, sizeof(uint32_t));  // NumberOfEntries from 0
+            status = GetFCPTargetMapping(w.handle(), w.mapping(), 1, w.mapping_port());
+            if (status != 0) {
+                st.SkipWithError(("GetFCPTargetMapping returned " + std::to_string(status)).c_str());
+                break;
+            }
+        }
+    }
+    tally.report(st);
+    std::memcpy(&entries, w.mapping(), sizeof entries);
+    st.counters["entries"] = entries;
+}
+
+void BM_GetLunInfo(benchmark::State& st, std::size_t size) {
+    World* const world_of_size = world(st, size);
+    if (world_of_size == nullptr) return;
+    World& w = *world_of_size;
+    int status = FCOE_OK;
+    unsigned int length = 0;
+    Tally tally;
+    {
+        Quiet quiet;
+        for (auto _ : st) {
+            char* luns = nullptr;
+            status = w.facade().GetLunInfo(&w.lun_key(), &luns, &length);
+            std::free(luns);
+            if (status != FCOE_OK) {
+                st.SkipWithError(("GetLunInfo returned " + std::to_string(status)).c_str());
+                break;
+            }
+        }
+    }
+    tally.report(st);
+    st.counters["luns"] = static_cast<double>(length / sizeof(lun_info));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    for (std::size_t s = 0; s < std::size(kSizes); ++s) {
+        const std::string n = kSizes[s].name;
+        const sim::ScaleCounts c = sim::scale_counts(kSizes[s].params);
+        benchmark::AddCustomContext(
+            "fabric " + n, std::to_string(kSizes[s].params.adapters) + " adapters x " +
+                               std::to_string(kSizes[s].params.ports) + " ports x " +
+                               std::to_string(kSizes[s].params.vports) + " virtual ports x " +
+                               std::to_string(kSizes[s].params.targets) + " targets x " +
+                               std::to_string(kSizes[s].params.luns) + " LUNs = " +
+                               std::to_string(c.physical_ports + c.virtual_ports) + " local ports, " +
+                               std::to_string(c.targets) + " targets, " + std::to_string(c.luns) + " LUNs");
+        benchmark::RegisterBenchmark(("Floor/" + n).c_str(), BM_Floor, s)->Unit(benchmark::kMillisecond)->UseRealTime();
+        benchmark::RegisterBenchmark(("GetFCoEAll/" + n).c_str(), BM_GetFCoEAll, s)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("GetFCPTargetMapping/" + n).c_str(), BM_GetFCPTargetMapping, s)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("GetLunInfo/" + n).c_str(), BM_GetLunInfo, s)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::AddCustomContext("simulated host", "trees under " + bench_parent());
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
