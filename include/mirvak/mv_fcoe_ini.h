@@ -91,21 +91,39 @@ public:
     int GetPortStatistics(port_info* key, void* buf, unsigned int* size);
 
     // ---- Remote ports ----
+    // One port_info per remote port of the key's local port (by its WWPN
+    // when given, else by its number), written into the block *buf already
+    // points to (the agent's own malloc block, taken to hold 256 KiB; the
+    // WWPN way grows it with realloc when the answer needs more and stores
+    // the new pointer in *buf). Nothing is allocated otherwise.
     int GetRemotePortInfo(port_info* key, char** buf, unsigned int* size);
+    // One remote port's port_stats.
     int GetRemotePortStatistics(vport_in* key, void* buf, unsigned int* size);
+    // One port_info per remote port of a virtual port, in a new block.
     int GetRPortForVPort(vport_in* key, char** buf, unsigned int* size);
+    // One remote port's port_stats, reached through a virtual port.
     int GetVirRemotePortStatistics(vport_in* key, void* buf, unsigned int* size);
 
     // ---- Virtual ports and LUNs ----
+    // One port_info per virtual port of a physical port, in a new block.
     int GetVirPortForPort(port_info* key, char** buf, unsigned int* size);
+    // A virtual port's port_stats.
     int GetVirPortStatistics(vport_in* key, void* buf, unsigned int* size);
+    // One lun_info per LUN behind a remote port of a virtual port, in a new
+    // block.
     int GetVPortLunInfo(vport_in* key, char** buf, unsigned int* size);
+    // One lun_info per LUN behind a remote port of a port, in a new block.
     int GetLunInfo(vport_in* key, char** buf, unsigned int* size);
+    // Create or delete a virtual port. The four 8-byte WWNs go into the
+    // driver's request at offsets 0 (a), 8 (b), 16 (c) and 24 (d); a and b
+    // may be null (zeros there).
     int CreateNPIV(const char* adapter, unsigned char* a, unsigned char* b, unsigned char* c, unsigned char* d);
     int DeleteNPIV(const char* adapter, unsigned char* a, unsigned char* b, unsigned char* c, unsigned char* d);
 
     // ---- Whole-system snapshot ----
-    int GetFCoEAll(void* buf, unsigned int* size);
+    // The whole system as one byte stream, allocated with malloc (the agent
+    // frees it), its length in *size; null on failure. buf is not used.
+    void* GetFCoEAll(void* buf, unsigned int* size);
 };
 
 #endif
