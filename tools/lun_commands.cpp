@@ -1,0 +1,501 @@
+#include "lun_commands.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "codes.h"
+#include "mirvak/fcp_mapping.h"
+#include "mirvak/host_view.h"
+#include "records.h"
+#include "scsi_decode.h"
+
+using nlohmann::json;
+
+namespace mv::tool {
+
+namespace {
+
+struct FreeDeleter {
+    void operator()(void* p) const { std::free(p); }
+};
+
+Wwn to_wwn(const HBA_WWN& w) {
+    Wwn out;
+    std::memcpy(out.data(), w.wwn, 8);
+    return out;
+}
+
+HBA_WWN to_hba(const Wwn& w) {
+    HBA_WWN out;
+    std::memcpy(out.wwn, w.data(), 8);
+    return out;
+}
+
+// The WWN as the 64-bit number the host-view helpers take, first byte
+// most significant.
+unsigned long wwn_number(const Wwn& w) {
+    unsigned long v = 0;
+    for (uint8_t b : w) v = v << 8 | b;
+    return v;
+}
+
+std::string hex64(uint64_t v) {
+    char buf[24];
+    std::snprintf(buf, sizeof buf, "0x%016llx", static_cast<unsigned long long>(v));
+    return buf;
+}
+
+// The LUNs the host lists behind one target of one local port.
+struct HostLun {
+    std::string device;
+    std::string hctl;
+    int lun = -1;
+    uint64_t sectors = 0;
+};
+
+// The same walk of the host's sysfs as the library's own LUN lookup: as
+// many records as the target has block devices.
+std::vector<HostLun> host_luns(const Wwn& local, const Wwn& target) {
+    const unsigned long n = getNumLuns(wwn_number(local), wwn_number(target));
+    std::vector<HostLun> out;
+    if (n == 0) return out;
+    std::unique_ptr<lun_info, FreeDeleter> raw(static_cast<lun_info*>(std::calloc(n, sizeof(lun_info))));
+    if (!raw) throw std::bad_alloc();
+    getLuninfo(raw.get(), wwn_number(local), wwn_number(target), n);
+    for (unsigned long i = 0; i < n; ++i) {
+        const lun_info& l = raw.get()[i];
+        HostLun hl;
+        hl.device = field_text(l.device, sizeof l.device);
+        hl.hctl = field_text(l.hctl, sizeof l.hctl);
+        int host = 0, channel = 0, tgt = 0, lun = 0;
+        if (std::sscanf(hl.hctl.c_str(), "%d:%d:%d:%d", &host, &channel, &tgt, &lun) == 4) hl.lun = lun;
+        hl.sectors = l.size;
+        out.push_back(hl);
+    }
+    return out;
+}
+
+struct PortView {
+    uint32_t index = 0;
+    HBA_PORTATTRIBUTES attr{};
+};
+
+HBA_ADAPTERATTRIBUTES adapter_attributes(HBA_HANDLE h, const std::string& name) {
+    HBA_ADAPTERATTRIBUTES a;
+    std::memset(&a, 0, sizeof a);
+    const HBA_STATUS st = mirvak_GetAdapterAttributes(h, &a);
+    if (st != HBA_STATUS_OK)
+        throw RequestFailed(static_cast<int>(st), "cannot read the attributes of " + name + ": " +
+                                                      describe_hba_status(st));
+    return a;
+}
+
+PortView port_attributes(HBA_HANDLE h, const std::string& name, uint32_t p) {
+    PortView v;
+    v.index = p;
+    const HBA_STATUS st = mirvak_GetAdapterPortAttributes(h, p, &v.attr);
+    if (st != HBA_STATUS_OK)
+        throw RequestFailed(static_cast<int>(st), "cannot read port " + std::to_string(p) + " of " + name + ": " +
+                                                      describe_hba_status(st));
+    return v;
+}
+
+HBA_PORTATTRIBUTES discovered(HBA_HANDLE h, const std::string& name, uint32_t p, uint32_t k) {
+    HBA_PORTATTRIBUTES t;
+    std::memset(&t, 0, sizeof t);
+    const HBA_STATUS st = mirvak_GetDiscoveredPortAttributes(h, p, k, &t);
+    if (st != HBA_STATUS_OK)
+        throw RequestFailed(static_cast<int>(st), "cannot read remote port " + std::to_string(k) + " of port " +
+                                                      std::to_string(p) + " of " + name + ": " +
+                                                      describe_hba_status(st));
+    return t;
+}
+
+// The ports of the adapter the selection names: all, the one numbered, or
+// the one with the WWPN.
+std::vector<PortView> selected_ports(HBA_HANDLE h, const std::string& name, const Selection& sel) {
+    const HBA_ADAPTERATTRIBUTES a = adapter_attributes(h, name);
+    if (sel.port && *sel.port >= a.NumberOfPorts)
+        throw RequestFailed(HBA_STATUS_ERROR_ILLEGAL_INDEX, name + " has " + std::to_string(a.NumberOfPorts) +
+                                                                " port" + (a.NumberOfPorts == 1 ? "" : "s") +
+                                                                "; there is no port " + std::to_string(*sel.port));
+    std::vector<PortView> ports;
+    for (uint32_t p = 0; p < a.NumberOfPorts; ++p) {
+        if (sel.port && p != *sel.port) continue;
+        PortView v = port_attributes(h, name, p);
+        if (sel.wwpn && to_wwn(v.attr.PortWWN) != *sel.wwpn) continue;
+        ports.push_back(v);
+    }
+    if (sel.wwpn && ports.empty())
+        throw RequestFailed(HBA_STATUS_ERROR_ILLEGAL_WWN, "no port of " + name + " has the WWPN " + wwn_text(*sel.wwpn));
+    return ports;
+}
+
+// ---- FCP target mapping ----
+
+bool all_zero(const unsigned char* p, std::size_t n) {
+    return std::all_of(p, p + n, [](unsigned char b) { return b == 0; });
+}
+
+// The LUID as the library leaves it: one designator at the start of the
+// 256 bytes (its length in byte 3), zeros after it.
+std::string luid_hex(const uint8_t (&luid)[256]) {
+    if (all_zero(luid, sizeof luid)) return "";
+    const std::size_t n = std::min<std::size_t>(4u + luid[3], sizeof luid);
+    return hex_bytes(luid, n);
+}
+
+json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, const std::vector<PortView>& earlier,
+                  bool* failed) {
+    const Wwn local = to_wwn(port.attr.PortWWN);
+    json j{{"port", port.index}, {"port_wwn", wwn_text(local)}};
+
+    // The library picks the port whose WWN has the same last byte: a port
+    // that shares it with an earlier one gets that one's mapping.
+    for (const PortView& e : earlier) {
+        if (e.attr.PortWWN.wwn[7] == local[7]) {
+            j["note"] = "the library selects a port by the last byte of its WWN; port " + std::to_string(e.index) +
+                        " has the same last byte, and its mapping is the one answered";
+            break;
+        }
+    }
+
+    // Room for the most LUNs any one target has (the library writes each
+    // target's LUNs from the first entry on), and at least kMappingEntries;
+    // and the host's full address of each device.
+    std::size_t room = kMappingEntries;
+    std::map<std::string, std::string> hctl_of;
+    for (uint32_t k = 0; k < port.attr.NumberofDiscoveredPorts; ++k) {
+        const HBA_PORTATTRIBUTES t = discovered(h, name, port.index, k);
+        const Wwn target = to_wwn(t.PortWWN);
+        const std::vector<HostLun> luns = host_luns(local, target);
+        room = std::max<std::size_t>(room, luns.size());
+        for (const HostLun& l : luns) hctl_of.emplace(l.device, l.hctl);
+    }
+
+    const std::size_t bytes = offsetof(MV_FCPTARGETMAPPINGV2, entry) + room * sizeof(MV_FCPSCSIENTRYV2);
+    std::unique_ptr<unsigned char, FreeDeleter> buf(static_cast<unsigned char*>(std::calloc(bytes, 1)));
+    if (!buf) throw std::bad_alloc();
+    const int rc = GetFCPTargetMapping(h, buf.get(), 1, port.attr.PortWWN);
+    j["status"] = rc;
+    if (rc != 0) {
+        j["error"] = describe_hba_status(static_cast<unsigned>(rc));
+        *failed = true;
+        return j;
+    }
+    uint32_t reported = 0;
+    std::memcpy(&reported, buf.get(), sizeof reported);
+    j["number_of_entries"] = reported;
+    json entries = json::array();
+    const std::size_t scan = std::min<std::size_t>(reported, room);
+    for (std::size_t i = 0; i < scan; ++i) {
+        MV_FCPSCSIENTRYV2 e;
+        std::memcpy(&e, buf.get() + offsetof(MV_FCPTARGETMAPPINGV2, entry) + i * sizeof e, sizeof e);
+        if (all_zero(reinterpret_cast<const unsigned char*>(&e), sizeof e)) continue;  // never written
+        const std::string device = field_text(e.ScsiId.OSDeviceName, sizeof e.ScsiId.OSDeviceName);
+        const uint32_t bus = e.ScsiId.ScsiBusNumber, target = e.ScsiId.ScsiTargetNumber, lun = e.ScsiId.ScsiOSLun;
+        const auto found = hctl_of.find(device);
+        // The record carries no channel; the host's view of the device has it.
+        const std::string hctl = found != hctl_of.end() ? found->second
+                                                        : std::to_string(bus) + ":?:" + std::to_string(target) +
+                                                              ":" + std::to_string(lun);
+        const uint64_t fcp_lun = e.FcpId.FcpLun;
+        entries.push_back(json{{"device", device},
+                               {"hctl", hctl},
+                               {"scsi_bus", bus},
+                               {"scsi_target", target},
+                               {"scsi_lun", lun},
+                               {"fc_id", static_cast<uint32_t>(e.FcpId.FcId)},
+                               {"target_node_wwn", wwn_text(e.FcpId.NodeWWN)},
+                               {"target_port_wwn", wwn_text(e.FcpId.PortWWN)},
+                               {"fcp_lun", hex64(fcp_lun)},
+                               {"luid", luid_hex(e.LUID)}});
+    }
+    j["entries"] = entries;
+    if (entries.size() < reported && !j.contains("note"))
+        j["note"] = "the library counts " + std::to_string(reported) +
+                    " LUNs but writes each target's LUNs from the first entry again, so " +
+                    std::to_string(entries.size()) + " entries are present";
+    return j;
+}
+
+void print_mapping(std::FILE* out, const json& data) {
+    if (data["adapters"].empty()) std::fprintf(out, "No adapters.\n");
+    for (const json& a : data["adapters"]) {
+        const std::string name = a["adapter"];
+        if (a.contains("error")) {
+            std::fprintf(out, "%s: %s\n", name.c_str(), a["error"].get<std::string>().c_str());
+            continue;
+        }
+        for (const json& p : a["ports"]) {
+            std::fprintf(out, "%s port %s (%s)\n", name.c_str(), value_text(p["port"]).c_str(),
+                         p["port_wwn"].get<std::string>().c_str());
+            if (p.contains("error")) {
+                print_line(out, 2, "Mapping", "not available: " + p["error"].get<std::string>());
+                continue;
+            }
+            print_line(out, 2, "Entries", value_text(p["number_of_entries"]));
+            if (p.contains("note")) print_line(out, 2, "Note", p["note"].get<std::string>());
+            for (const json& e : p["entries"]) {
+                std::fprintf(out, "  %s\n", e["device"].get<std::string>().c_str());
+                print_line(out, 4, "H:C:T:L", e["hctl"].get<std::string>());
+                print_line(out, 4, "Target port WWN", e["target_port_wwn"].get<std::string>());
+                print_line(out, 4, "Target node WWN", e["target_node_wwn"].get<std::string>());
+                print_line(out, 4, "FCP LUN", e["fcp_lun"].get<std::string>());
+                print_line(out, 4, "LUID", e["luid"].get<std::string>());
+            }
+        }
+    }
+}
+
+}  // namespace
+
+Outcome mapping_command(Session& s, const Selection& sel, bool* failed) {
+    std::vector<std::string> names;
+    if (sel.adapter.empty()) {
+        names = s.adapter_names();
+    } else {
+        names.push_back(s.adapter_name(sel.adapter));
+    }
+    json adapters = json::array();
+    for (const std::string& name : names) {
+        json a{{"adapter", name}};
+        OpenAdapter open(name);
+        if (!open.ok()) {
+            a["error"] = "cannot open the adapter";
+            *failed = true;
+            adapters.push_back(a);
+            continue;
+        }
+        json ports = json::array();
+        const std::vector<PortView> chosen = selected_ports(open.handle(), name, sel);
+        std::vector<PortView> earlier;
+        const HBA_ADAPTERATTRIBUTES attr = adapter_attributes(open.handle(), name);
+        for (const PortView& p : chosen) {
+            // Ports before this one, for the note on shared last WWN bytes.
+            earlier.clear();
+            for (uint32_t q = 0; q < p.index && q < attr.NumberOfPorts; ++q)
+                earlier.push_back(port_attributes(open.handle(), name, q));
+            ports.push_back(port_mapping(open.handle(), name, p, earlier, failed));
+        }
+        a["ports"] = ports;
+        adapters.push_back(a);
+    }
+    Outcome o;
+    o.data = json{{"adapters", adapters}};
+    const json data = o.data;
+    o.text = [data](std::FILE* out) { print_mapping(out, data); };
+    return o;
+}
+
+// ---- SCSI commands ----
+
+namespace {
+
+const char* op_name(ScsiOp op) {
+    switch (op) {
+        case ScsiOp::Inquiry: return "INQUIRY";
+        case ScsiOp::ReportLuns: return "REPORT LUNS";
+        case ScsiOp::ReadCapacity: return "READ CAPACITY(16)";
+    }
+    return "";
+}
+
+// The local port that discovered the target, among the selected ports.
+struct Route {
+    PortView port;
+    Wwn local{};
+};
+
+Route find_route(HBA_HANDLE h, const std::string& name, const ScsiRequest& r) {
+    for (const PortView& p : selected_ports(h, name, r.sel)) {
+        for (uint32_t k = 0; k < p.attr.NumberofDiscoveredPorts; ++k) {
+            const HBA_PORTATTRIBUTES t = discovered(h, name, p.index, k);
+            if (to_wwn(t.PortWWN) == r.target) return Route{p, to_wwn(p.attr.PortWWN)};
+        }
+    }
+    std::string where = name;
+    if (r.sel.port) where += " port " + std::to_string(*r.sel.port);
+    if (r.sel.wwpn) where += " port " + wwn_text(*r.sel.wwpn);
+    throw RequestFailed(HBA_STATUS_ERROR_ILLEGAL_WWN,
+                        "target " + wwn_text(r.target) + " is not among the remote ports " + where + " has discovered");
+}
+
+std::string lun_list(const std::vector<HostLun>& luns) {
+    std::string s;
+    for (const HostLun& l : luns) s += (s.empty() ? "" : ", ") + std::to_string(l.lun);
+    return s.empty() ? "none" : s;
+}
+
+std::string hex2(unsigned v) {
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "0x%02x", v & 0xffu);
+    return buf;
+}
+
+// Why a command failed: the library's status, and the sense data when the
+// target answered with some (the library itself does not look at it).
+std::string failure_text(const char* what, const std::string& device, HBA_STATUS st, const uint8_t* sense,
+                         std::size_t sense_size) {
+    std::string msg = std::string(what) + " to " + device;
+    msg += st != HBA_STATUS_OK ? " failed: " + describe_hba_status(st) : std::string(" ended in CHECK CONDITION");
+    if (const auto s = decode_sense(sense, sense_size)) {
+        const std::string asc_name = (*s)["asc_name"];
+        msg += "; sense key " + hex2((*s)["sense_key"]) + " " + (*s)["sense_key_name"].get<std::string>() +
+               ", ASC/ASCQ " + hex2((*s)["asc"]) + "/" + hex2((*s)["ascq"]) + (asc_name.empty() ? "" : " " + asc_name) +
+               " (sense data " + (*s)["hex"].get<std::string>() + ")";
+    }
+    return msg;
+}
+
+void print_scsi(std::FILE* out, const json& d) {
+    std::fprintf(out, "%s to %s (%s), LUN %s of target %s, through %s port %s (%s)\n",
+                 d["command"].get<std::string>().c_str(), d["device"].get<std::string>().c_str(),
+                 d["hctl"].get<std::string>().c_str(), value_text(d["lun"]).c_str(),
+                 d["target_wwn"].get<std::string>().c_str(), d["adapter"].get<std::string>().c_str(),
+                 value_text(d["port"]).c_str(), d["port_wwn"].get<std::string>().c_str());
+    print_line(out, 2, "Status", describe_hba_status(d["status"].get<unsigned>()));
+    if (d.contains("inquiry")) print_inquiry(out, d["inquiry"], 2);
+    if (d.contains("vpd")) print_vpd(out, d["vpd"], 2);
+    if (d.contains("report_luns")) print_report_luns(out, d["report_luns"], 2);
+    if (d.contains("capacity")) print_read_capacity(out, d["capacity"], 2);
+    if (d.contains("data_returned") && !d["data_returned"].get<bool>()) {
+        print_line(out, 2, "Capacity", "not returned (the library keeps the READ CAPACITY data to itself)");
+        if (d.contains("host_size_bytes"))
+            print_line(out, 2, "Size (host view)",
+                       value_text(d["host_size_bytes"]) + " bytes (" + value_text(d["host_size_sectors"]) +
+                           " sectors of 512 bytes)");
+    }
+}
+
+}  // namespace
+
+Outcome scsi_command(Session& s, const ScsiRequest& r) {
+    const std::string name = s.adapter_name(r.sel.adapter);
+    OpenAdapter open(name);
+    if (!open.ok())
+        throw RequestFailed(FCOE_ERR_ADAPTER_OPEN, "cannot open adapter " + name + " (mirvak_OpenAdapter failed)");
+    const HBA_HANDLE h = open.handle();
+    const Route route = find_route(h, name, r);
+    const std::vector<HostLun> luns = host_luns(route.local, r.target);
+
+    // The LUN the user means, and the devices that may answer: that LUN's,
+    // or for REPORT LUNS any LUN of the target.
+    const bool by_lun = r.op != ScsiOp::ReportLuns;
+    const HostLun* wanted = nullptr;
+    for (const HostLun& l : luns) {
+        if (!by_lun || l.lun == static_cast<int>(r.lun)) {
+            wanted = &l;
+            break;
+        }
+    }
+    if (wanted == nullptr)
+        throw RequestFailed(HBA_STATUS_ERROR_INVALID_LUN,
+                            "target " + wwn_text(r.target) + " has " +
+                                (by_lun ? "no LUN " + std::to_string(r.lun) + " (its LUNs: " + lun_list(luns) + ")"
+                                        : std::string("no LUNs")));
+
+    // The device the library will send to: it looks the LUN up by the local
+    // port and the LUN number (INQUIRY), or takes the port's first LUN
+    // (REPORT LUNS, READ CAPACITY); the target is not part of its lookup.
+    const uint64_t fcp_lun = static_cast<uint64_t>(r.lun) << 48;
+    const HBA_UINT32 first = r.op == ScsiOp::Inquiry ? 0 : 1;
+    char path[256] = {};
+    const int lookup = GetDeviceFromFCPLunOrPortWWN(h, first ? 0 : fcp_lun, 0, to_hba(route.local), to_hba(r.target),
+                                                    path, first);
+    if (lookup != 0)
+        throw RequestFailed(lookup, "cannot find the LUN's device: " + describe_hba_status(static_cast<unsigned>(lookup)));
+    path[sizeof path - 1] = '\0';
+    const std::string device = path;
+    const HostLun* addressed = nullptr;
+    for (const HostLun& l : luns)
+        if (l.device == device && (!by_lun || l.lun == static_cast<int>(r.lun))) addressed = &l;
+    if (addressed == nullptr) {
+        std::string what = by_lun ? "LUN " + std::to_string(r.lun) + " of target " + wwn_text(r.target) + " (" +
+                                        wanted->device + ")"
+                                  : "target " + wwn_text(r.target);
+        throw RequestFailed(
+            HBA_STATUS_ERROR_NOT_A_TARGET,
+            std::string(op_name(r.op)) + " not sent: the library addresses " +
+                (first ? "the first LUN of the local port" : "a LUN by its local port and LUN number alone") +
+                ", which here is " + (device.empty() ? std::string("no device at all") : device) + " and not " +
+                what);
+    }
+
+    json d{{"command", op_name(r.op)},
+           {"adapter", name},
+           {"port", route.port.index},
+           {"port_wwn", wwn_text(route.local)},
+           {"target_wwn", wwn_text(r.target)},
+           {"lun", addressed->lun},
+           {"device", device},
+           {"hctl", addressed->hctl}};
+    uint8_t sense[32] = {};
+    const HBA_WWN port_wwn = to_hba(route.local);
+    HBA_STATUS st = HBA_STATUS_OK;
+    switch (r.op) {
+        case ScsiOp::Inquiry: {
+            // The library transfers 96 bytes whatever the buffer, and puts
+            // the buffer size into the command: it is given exactly that.
+            uint8_t rsp[96] = {};
+            const uint8_t evpd = r.page ? 1 : 0;
+            st = mirvak_SendScsiInquiry(h, port_wwn, fcp_lun, evpd, r.page.value_or(0), rsp, sizeof rsp, sense,
+                                        sizeof sense);
+            if (st != HBA_STATUS_OK || decode_sense(sense, sizeof sense))
+                throw RequestFailed(st != HBA_STATUS_OK ? static_cast<int>(st) : HBA_STATUS_SCSI_CHECK_CONDITION,
+                                    failure_text("INQUIRY", device, st, sense, sizeof sense));
+            if (r.page) {
+                d["page"] = *r.page;
+                d["vpd"] = decode_vpd(rsp, sizeof rsp);
+            } else {
+                d["inquiry"] = decode_inquiry(rsp, sizeof rsp);
+            }
+            break;
+        }
+        case ScsiOp::ReportLuns: {
+            std::vector<uint8_t> rsp(1024);  // the library's fixed transfer length
+            st = mirvak_SendReportLUNs(h, port_wwn, rsp.data(), static_cast<HBA_UINT32>(rsp.size()), sense,
+                                       sizeof sense);
+            if (st != HBA_STATUS_OK || decode_sense(sense, sizeof sense))
+                throw RequestFailed(st != HBA_STATUS_OK ? static_cast<int>(st) : HBA_STATUS_SCSI_CHECK_CONDITION,
+                                    failure_text("REPORT LUNS", device, st, sense, sizeof sense));
+            d["report_luns"] = decode_report_luns(rsp.data(), rsp.size());
+            break;
+        }
+        case ScsiOp::ReadCapacity: {
+            // Filled with a pattern: the library may leave both buffers as
+            // they are, and then they must not be read as an answer.
+            constexpr uint8_t kUntouched = 0xa5;
+            uint8_t rsp[32];
+            std::memset(rsp, kUntouched, sizeof rsp);
+            std::memset(sense, kUntouched, sizeof sense);
+            st = mirvak_SendReadCapacity(h, port_wwn, fcp_lun, rsp, sizeof rsp, sense, sizeof sense);
+            const bool sense_written = !std::all_of(sense, sense + sizeof sense, [](uint8_t b) { return b == kUntouched; });
+            if (st != HBA_STATUS_OK || (sense_written && decode_sense(sense, sizeof sense)))
+                throw RequestFailed(st != HBA_STATUS_OK ? static_cast<int>(st) : HBA_STATUS_SCSI_CHECK_CONDITION,
+                                    failure_text("READ CAPACITY(16)", device, st, sense,
+                                                 sense_written ? sizeof sense : 0));
+            const bool returned = !std::all_of(rsp, rsp + sizeof rsp, [](uint8_t b) { return b == kUntouched; });
+            d["data_returned"] = returned;
+            if (returned) {
+                d["capacity"] = decode_read_capacity16(rsp, sizeof rsp);
+            } else {
+                d["host_size_sectors"] = addressed->sectors;
+                d["host_size_bytes"] = addressed->sectors * 512;
+            }
+            break;
+        }
+    }
+    d["status"] = st;
+    Outcome o;
+    o.data = d;
+    o.text = [d](std::FILE* out) { print_scsi(out, d); };
+    return o;
+}
+
+}  // namespace mv::tool

@@ -1,0 +1,442 @@
+#include "snapshot_decode.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <sstream>
+#include <vector>
+
+#include "mirvak/mgmt_records.h"
+#include "mirvak/snapshot_records.h"
+
+namespace mv::tool {
+
+namespace {
+
+using nlohmann::json;
+using snapshot::adapter_record;
+using snapshot::lun_record;
+using snapshot::port_record;
+using snapshot::remote_record;
+
+std::string at_offset(const std::string& what, std::size_t off) {
+    return what + " (byte offset " + std::to_string(off) + ")";
+}
+
+// Text of a fixed field: up to its first NUL, never past the field. Bytes
+// that are not printable ASCII are shown as \xNN so the text is always
+// valid JSON.
+std::string text(const char* field, std::size_t size) {
+    std::string out;
+    for (std::size_t i = 0; i < size && field[i] != '\0'; ++i) {
+        const auto c = static_cast<unsigned char>(field[i]);
+        if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+        } else {
+            char esc[5];
+            std::snprintf(esc, sizeof esc, "\\x%02x", c);
+            out += esc;
+        }
+    }
+    return out;
+}
+#define TEXT(f) text((f), sizeof(f))
+
+std::string hex_bytes(const uint8_t* b, std::size_t n, char sep) {
+    std::string out;
+    char buf[4];
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i != 0) out += sep;
+        std::snprintf(buf, sizeof buf, "%02x", b[i]);
+        out += buf;
+    }
+    return out;
+}
+std::string wwn(const HBA_WWN& w) { return hex_bytes(w.wwn, 8, ':'); }
+std::string mac(const uint8_t (&m)[6]) { return hex_bytes(m, 6, ':'); }
+
+const char* state_name(uint32_t s) {
+    switch (s) {
+        case HBA_PORTSTATE_UNKNOWN: return "unknown";
+        case HBA_PORTSTATE_ONLINE: return "online";
+        case HBA_PORTSTATE_OFFLINE: return "offline";
+        case HBA_PORTSTATE_BYPASSED: return "bypassed";
+        case HBA_PORTSTATE_DIAGNOSTICS: return "diagnostics";
+        case HBA_PORTSTATE_LINKDOWN: return "link down";
+        case HBA_PORTSTATE_ERROR: return "error";
+        case HBA_PORTSTATE_LOOPBACK: return "loopback";
+        default: return "other";
+    }
+}
+
+// The bounded view of the stream: every read is checked against the end.
+class Reader {
+public:
+    Reader(const unsigned char* data, std::size_t size) : data_(data), size_(size) {}
+
+    std::size_t pos() const { return pos_; }
+    std::size_t left() const { return size_ - pos_; }
+    bool at_end() const { return pos_ == size_; }
+
+    // The next record of type R, copied out (records stand unaligned).
+    template <class R>
+    R take(const char* what) {
+        if (left() < sizeof(R)) {
+            throw DecodeError(pos_, at_offset(std::string("stream ends inside ") + what + ": " +
+                                                  std::to_string(left()) + " of its " + std::to_string(sizeof(R)) +
+                                                  " bytes present",
+                                              pos_));
+        }
+        R rec;
+        std::memcpy(&rec, data_ + pos_, sizeof rec);
+        pos_ += sizeof rec;
+        return rec;
+    }
+
+    // Whether an adapter record starts here: one fits, and its two copies
+    // of the adapter description are the same bytes (no other record
+    // carries such a pair).
+    bool adapter_record_here() const {
+        if (left() < sizeof(adapter_record)) return false;
+        const unsigned char* rec = data_ + pos_;
+        return std::memcmp(rec + offsetof(adapter_record, info), rec + offsetof(adapter_record, info_copy),
+                           sizeof(adapter_info)) == 0;
+    }
+
+    // Whether the n bytes starting here are all zero (n must fit).
+    bool zero_here(std::size_t n) const {
+        for (std::size_t i = 0; i < n; ++i) {
+            if (data_[pos_ + i] != 0) return false;
+        }
+        return true;
+    }
+
+private:
+    const unsigned char* data_;
+    std::size_t size_;
+    std::size_t pos_ = 0;
+};
+
+template <class T, std::size_t N>
+T load_area(const uint8_t (&area)[N]) {
+    static_assert(sizeof(T) == N, "record area size");
+    T v;
+    std::memcpy(&v, area, sizeof v);
+    return v;
+}
+
+json standard_port(const HBA_PORTATTRIBUTES& a) {
+    return {{"node_wwn", wwn(a.NodeWWN)},
+            {"port_wwn", wwn(a.PortWWN)},
+            {"fc_id", a.PortFcId},
+            {"type", a.PortType},
+            {"state", a.PortState},
+            {"state_name", state_name(a.PortState)},
+            {"classes_of_service", a.PortSupportedClassofService},
+            {"symbolic_name", TEXT(a.PortSymbolicName)},
+            {"os_device_name", TEXT(a.OSDeviceName)},
+            {"supported_speed", a.PortSupportedSpeed},
+            {"speed", a.PortSpeed},
+            {"max_frame_size", a.PortMaxFrameSize},
+            {"fabric_name", wwn(a.FabricName)},
+            {"discovered_ports", a.NumberofDiscoveredPorts}};
+}
+
+// FCoE fields of a local (physical or virtual) port.
+json fcoe(const port_info& p) {
+    return {{"lnode_id", static_cast<uint32_t>(p.lnode_id)},
+            {"word_5", static_cast<uint32_t>(p.lnode_word_5)},
+            {"lnode_mac", mac(p.lnode_mac)},
+            {"port_mac", mac(p.port_mac)},
+            {"phys_port", static_cast<unsigned>(p.phys_port)},
+            {"fcf_index", static_cast<uint32_t>(p.fcf_index)},
+            {"word_148", static_cast<uint32_t>(p.lnode_word_148)},
+            {"port_error", p.lnode_flag != 0},
+            {"flag", static_cast<unsigned>(p.lnode_flag)},
+            {"vport_word", static_cast<uint32_t>(p.lnode_word_28)},
+            {"vlan_id", static_cast<unsigned>(p.vlan_id)}};
+}
+
+json local_statistics(const port_stats& s) {
+    return {{"tx_frames", static_cast<int64_t>(s.hba_stats.TxFrames)},
+            {"tx_words", static_cast<int64_t>(s.hba_stats.TxWords)},
+            {"rx_frames", static_cast<int64_t>(s.hba_stats.RxFrames)},
+            {"rx_words", static_cast<int64_t>(s.hba_stats.RxWords)},
+            {"counters",
+             {s.counter0, s.counter1, s.counter2, s.counter3, s.counter4, s.counter5, s.counter6, s.counter7}}};
+}
+
+json remote_statistics(const port_stats& s) {
+    return {{"counters", {s.counter0, s.counter1, s.counter2, s.counter3}},
+            {"remote_counters", {s.rcounter0, s.rcounter1, s.rcounter2, s.rcounter3}}};
+}
+
+void expect_index(uint32_t got, uint32_t want, const char* what, std::size_t off) {
+    if (got != want) {
+        throw DecodeError(off, at_offset(std::string(what) + " carries index " + std::to_string(got) + " where " +
+                                             std::to_string(want) + " was expected",
+                                         off));
+    }
+}
+
+json lun(Reader& in, uint32_t want) {
+    const std::size_t off = in.pos();
+    const lun_record rec = in.take<lun_record>("a LUN record");
+    expect_index(rec.index, want, "LUN record", off);
+    const lun_info l = load_area<lun_info>(rec.lun);
+    const char* device = l.device;
+    const std::size_t name_at = snapshot::kLunNameAt - snapshot::kLunDeviceAt;
+    return {{"offset", off},
+            {"index", rec.index},
+            {"port_index", mv::load<uint32_t>(l.reserved_0)},
+            {"remote_index", mv::load<uint32_t>(l.reserved_0 + 4)},
+            {"hctl", TEXT(l.hctl)},
+            {"device", text(device, name_at)},
+            {"adapter_name", text(device + name_at, snapshot::kLunNameBytes)},
+            {"vendor", TEXT(l.vendor)},
+            {"size", static_cast<uint64_t>(l.size)}};
+}
+
+// A remote port (of a physical or a virtual port) and its LUNs.
+json remote(Reader& in, uint32_t want) {
+    const std::size_t off = in.pos();
+    const remote_record rec = in.take<remote_record>("a remote-port record");
+    expect_index(rec.index, want, "remote-port record", off);
+    const port_info p = load_area<port_info>(rec.info);
+    const port_stats s = load_area<port_stats>(rec.stats);
+    json r = standard_port(p.attributes);
+    r["offset"] = off;
+    r["index"] = rec.index;
+    r["lun_count"] = rec.child_count;
+    r["adapter_name"] = TEXT(p.adapter_name);
+    r["role"] = TEXT(p.role);
+    r["rnode_index"] = static_cast<uint32_t>(p.rnode_index);
+    r["word_4"] = static_cast<uint32_t>(p.lnode_id);
+    r["byte_12"] = static_cast<uint32_t>(p.rnode_byte_12);
+    r["port_num"] = static_cast<uint32_t>(p.port_num);
+    r["rport_index"] = static_cast<uint32_t>(p.rport_index);
+    r["parent_index"] = static_cast<uint32_t>(s.port_num);
+    r["statistics"] = remote_statistics(s);
+    json luns = json::array();
+    for (uint32_t j = 0; j < rec.child_count; ++j) luns.push_back(lun(in, j));
+    r["luns"] = luns;
+    return r;
+}
+
+// A virtual port and its remote ports.
+json virtual_port(Reader& in, uint32_t want) {
+    const std::size_t off = in.pos();
+    const remote_record rec = in.take<remote_record>("a virtual-port record");
+    expect_index(rec.index, want, "virtual-port record", off);
+    const port_info p = load_area<port_info>(rec.info);
+    const port_stats s = load_area<port_stats>(rec.stats);
+    json v = standard_port(p.attributes);
+    v["offset"] = off;
+    v["index"] = rec.index;
+    v["remote_count"] = rec.child_count;
+    v["adapter_name"] = TEXT(p.adapter_name);
+    v["parent_index"] = static_cast<uint32_t>(p.port_num);
+    v["fcoe"] = fcoe(p);
+    v["statistics"] = local_statistics(s);
+    json remotes = json::array();
+    for (uint32_t k = 0; k < rec.child_count; ++k) remotes.push_back(remote(in, k));
+    v["remote_ports"] = remotes;
+    return v;
+}
+
+json port(Reader& in, const std::string& adapter_name, uint32_t port_count, int64_t previous) {
+    const std::size_t off = in.pos();
+    const port_record rec = in.take<port_record>("a port record");
+    const port_info p = load_area<port_info>(rec.info);
+    const port_stats s = load_area<port_stats>(rec.stats);
+    // Port records of one adapter come in rising index order (a port whose
+    // query failed leaves a gap) and carry the adapter's name.
+    if (static_cast<int64_t>(rec.index) <= previous || rec.index >= port_count) {
+        throw DecodeError(off, at_offset("port record carries index " + std::to_string(rec.index) +
+                                             ", outside the adapter's " + std::to_string(port_count) +
+                                             " ports or not after the previous port",
+                                         off));
+    }
+    if (TEXT(p.adapter_name) != adapter_name) {
+        throw DecodeError(off, at_offset("port record names adapter \"" + TEXT(p.adapter_name) + "\", not \"" +
+                                             adapter_name + "\"",
+                                         off));
+    }
+    json j = standard_port(p.attributes);
+    j["offset"] = off;
+    j["index"] = rec.index;
+    j["remote_count"] = rec.remote_count;
+    j["vport_count"] = rec.vport_count;
+    j["port_num"] = static_cast<uint32_t>(p.port_num);
+    j["fcoe"] = fcoe(p);
+    j["statistics"] = local_statistics(s);
+    json remotes = json::array();
+    for (uint32_t r = 0; r < rec.remote_count; ++r) remotes.push_back(remote(in, r));
+    j["remote_ports"] = remotes;
+    json vports = json::array();
+    bool listed = true;
+    // A cleared record in place of the first virtual port stands for a list
+    // the library could not get: nothing else follows for this port.
+    if (rec.vport_count != 0 && in.left() >= sizeof(remote_record) && in.zero_here(sizeof(remote_record))) {
+        (void)in.take<remote_record>("a virtual-port record");
+        listed = false;
+    } else {
+        for (uint32_t v = 0; v < rec.vport_count; ++v) vports.push_back(virtual_port(in, v));
+    }
+    j["virtual_ports"] = vports;
+    j["virtual_ports_listed"] = listed;
+    return j;
+}
+
+json adapter(Reader& in, std::set<uint32_t>& seen) {
+    const std::size_t off = in.pos();
+    if (!in.adapter_record_here()) {
+        if (in.left() < sizeof(adapter_record)) (void)in.take<adapter_record>("an adapter record");
+        throw DecodeError(off, at_offset("no adapter record here: its two copies of the adapter description differ",
+                                         off));
+    }
+    const adapter_record rec = in.take<adapter_record>("an adapter record");
+    const adapter_info a = load_area<adapter_info>(rec.info);
+    const HBA_ADAPTERATTRIBUTES& s = a.attributes;
+    const bool repeat = !seen.insert(rec.index).second;
+
+    // block_336 as the fabric descriptions write it: the bytes up to the
+    // last non-zero one.
+    std::size_t block_len = sizeof a.hw_block_336;
+    while (block_len > 0 && a.hw_block_336[block_len - 1] == 0) --block_len;
+
+    json j = {{"offset", off},
+              {"index", rec.index},
+              {"port_count", rec.port_count},
+              {"repeat", repeat},
+              {"instance", static_cast<uint32_t>(a.instance)},
+              {"name", TEXT(a.adapter_name)},
+              {"manufacturer", TEXT(s.Manufacturer)},
+              {"serial_number", TEXT(s.SerialNumber)},
+              {"model", TEXT(s.Model)},
+              {"model_description", TEXT(s.ModelDescription)},
+              {"node_wwn", wwn(s.NodeWWN)},
+              {"node_symbolic_name", TEXT(s.NodeSymbolicName)},
+              {"hardware_version", TEXT(s.HardwareVersion)},
+              {"driver_version", TEXT(s.DriverVersion)},
+              {"option_rom_version", TEXT(s.OptionROMVersion)},
+              {"firmware_version", TEXT(s.FirmwareVersion)},
+              {"vendor_id", s.VendorSpecificID},
+              {"number_of_ports", s.NumberOfPorts},
+              {"driver_name", TEXT(s.DriverName)},
+              {"hardware",
+               {{"byte_191", static_cast<uint32_t>(a.hw_byte_191)},
+                {"word_192", static_cast<uint32_t>(a.hw_word_192)},
+                {"word_284", static_cast<uint32_t>(a.hw_word_284)},
+                {"word_288", static_cast<uint32_t>(a.hw_word_288)},
+                {"word_292", static_cast<uint32_t>(a.hw_word_292)},
+                {"word_332", static_cast<uint32_t>(a.hw_word_332)},
+                {"text_246", TEXT(a.hw_text_246)},
+                {"text_296", TEXT(a.hw_text_296)},
+                {"block_336", hex_bytes(a.hw_block_336, block_len, ' ')}}}};
+
+    // Port records follow until the adapter's count is reached or the next
+    // adapter record begins (ports whose queries failed leave no record, and
+    // an adapter whose later port failed comes again at once).
+    json ports = json::array();
+    const std::string name = TEXT(a.adapter_name);
+    int64_t previous = -1;
+    while (ports.size() < rec.port_count) {
+        if (in.adapter_record_here()) break;
+        if (in.at_end()) {
+            throw DecodeError(in.pos(), at_offset("stream ends where a port record of adapter " +
+                                                      std::to_string(rec.index) + " was expected",
+                                                  in.pos()));
+        }
+        json p = port(in, name, rec.port_count, previous);
+        previous = p["index"].get<int64_t>();
+        ports.push_back(std::move(p));
+    }
+    j["ports_present"] = ports.size();
+    j["ports"] = ports;
+    return j;
+}
+
+// ---- Text ----
+
+void line(std::ostringstream& out, int depth, const std::string& s) {
+    out << std::string(static_cast<std::size_t>(depth) * 2, ' ') << s << '\n';
+}
+
+std::string scalar(const json& v) {
+    if (v.is_string()) return v.get<std::string>();
+    if (v.is_array()) {
+        std::string s;
+        for (const auto& e : v) s += (s.empty() ? "" : " ") + scalar(e);
+        return s;
+    }
+    return v.dump();
+}
+
+// Heading of each entry of the child lists.
+const char* child_title(const std::string& key) {
+    if (key == "adapters") return "Adapter";
+    if (key == "ports") return "Port";
+    if (key == "remote_ports") return "Remote port";
+    if (key == "virtual_ports") return "Virtual port";
+    if (key == "luns") return "LUN";
+    return nullptr;
+}
+
+void object_text(std::ostringstream& out, const json& obj, int depth) {
+    // Scalars first, then nested groups (fcoe, statistics, hardware), then
+    // the child lists, each in key order.
+    std::vector<std::string> groups, lists;
+    for (auto it = obj.begin(); it != obj.end(); ++it) {
+        const json& v = it.value();
+        if (v.is_object()) {
+            groups.push_back(it.key());
+        } else if (v.is_array() && child_title(it.key()) != nullptr) {
+            lists.push_back(it.key());
+        } else {
+            line(out, depth, it.key() + ": " + scalar(v));
+        }
+    }
+    for (const auto& k : groups) {
+        line(out, depth, k + ":");
+        object_text(out, obj[k], depth + 1);
+    }
+    for (const auto& k : lists) {
+        for (const auto& child : obj[k]) {
+            const std::string index = child.contains("index") ? " " + scalar(child["index"]) : "";
+            line(out, depth, std::string(child_title(k)) + index + ":");
+            object_text(out, child, depth + 1);
+        }
+    }
+}
+
+}  // namespace
+
+DecodeError::DecodeError(std::size_t off, const std::string& what) : std::runtime_error(what), offset(off) {}
+
+json decode_snapshot(const unsigned char* data, std::size_t size) {
+    if (data == nullptr && size != 0) throw DecodeError(0, "no stream (null data)");
+    static const unsigned char kNothing[1] = {0};
+    Reader in(data != nullptr ? data : kNothing, data != nullptr ? size : 0);
+    const uint32_t count = in.take<uint32_t>("the 4-byte header");
+    json tree = {{"adapter_count", count}};
+    json adapters = json::array();
+    std::set<uint32_t> seen;
+    // The header counts the adapters reported, not the records present:
+    // records are read to the end of the stream.
+    while (!in.at_end()) adapters.push_back(adapter(in, seen));
+    tree["adapter_records"] = adapters.size();
+    tree["adapters"] = adapters;
+    tree["size"] = size;
+    return tree;
+}
+
+std::string snapshot_text(const json& tree) {
+    std::ostringstream out;
+    if (!tree.is_object()) return tree.dump() + "\n";
+    object_text(out, tree, 0);
+    return out.str();
+}
+
+}  // namespace mv::tool
