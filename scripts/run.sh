@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
-# The main job: install what is needed, build, and show every adapter and
-# port of the simulated system (the embedded default fabric) through the
-# plug-in, loaded the way an HBA API front library loads it.
-# Arguments go to the command-line program, e.g. scripts/run.sh --json
+# The main job: install what is needed, build, and show the whole simulated
+# system (the embedded default fabric) as the plug-in's snapshot gives it:
+# adapters, ports, remote ports, virtual ports, statistics and LUNs.
+# Arguments go to the command-line program after the subcommand, e.g.
+#   scripts/run.sh --json
+# Another subcommand instead of the snapshot: scripts/run.sh --do adapters
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh >&2
 scripts/build.sh >&2   # keep standard output for the answer (JSON stays parseable)
-exec build/bin/mirvak-simhost run -- build/bin/mirvak-hba "$@"
+if [ "${1:-}" = "--do" ]; then
+  shift
+  exec build/bin/mirvak-simhost run -- build/bin/mirvak-hba "$@"
+fi
+exec build/bin/mirvak-simhost run -- build/bin/mirvak-hba snapshot "$@"
