@@ -22,6 +22,7 @@
 
 #include "host/sysfs_read.h"
 #include "mirvak/host_view.h"
+#include "host/lun_count.h"
 
 namespace {
 
@@ -285,14 +286,18 @@ void getLuninfo(lun_info* luns, unsigned long local, unsigned long remote, std::
     walk.run();
 }
 
+std::size_t mv::count_luns_quietly(unsigned long local, unsigned long remote) {
+    LunWalk count(Keep::Count, local, remote, true);
+    count.run();
+    return static_cast<std::size_t>(count.blocks());
+}
+
 void getLuninfo(lun_info* luns, unsigned long local, unsigned long remote) {
     // Callers size the array with getNumLuns, which counts block links,
     // while every LUN directory takes a record: a LUN without a block device
     // would take one more record than there is room for. Count again,
     // silently, and write no more records than that count.
-    LunWalk count(Keep::Count, local, remote, true);
-    count.run();
-    getLuninfo(luns, local, remote, static_cast<std::size_t>(count.blocks()));
+    getLuninfo(luns, local, remote, mv::count_luns_quietly(local, remote));
 }
 
 void getVportLuninfo(lun_info** result, unsigned long local, unsigned long remote, unsigned int* count) {

@@ -4,7 +4,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <vector>
+
 #include "driver/walks.h"
+#include "host/lun_count.h"
 #include "mirvak/host_view.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
@@ -66,11 +69,29 @@ HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info*
         getLuninfo(luns, charArrayToLong(key->vport_wwpn), charArrayToLong(key->rport_wwpn));
         return HBA_STATUS_OK;
     }
-    // Each node of the port that has the target fills the array again:
-    // the last one wins, as agents see it.
+    // Each node of the port that has the target fills the array again and
+    // the last one wins, as agents see it, with the same lines printed in
+    // the same order. An agent sizes the array with mirvak_GetKXLunCount,
+    // which counts the last node's LUNs, so an earlier node with more LUNs
+    // must not write past that: the walk is recorded first and replayed with
+    // every fill bounded by the last node's count.
+    struct Event {
+        bool announce;
+        unsigned long local, remote;
+    };
+    std::vector<Event> events;
     const LunSearch s = search_luns(
-        handle, *key, [](const lnode_info&) { std::puts("Found LNode for LUN Discovery"); },
-        [&](unsigned long local, unsigned long remote) { getLuninfo(luns, local, remote); });
+        handle, *key, [&](const lnode_info&) { events.push_back({true, 0, 0}); },
+        [&](unsigned long local, unsigned long remote) { events.push_back({false, local, remote}); });
+    std::size_t room = 0;
+    for (const Event& e : events)
+        if (!e.announce) room = mv::count_luns_quietly(e.local, e.remote);
+    for (const Event& e : events) {
+        if (e.announce)
+            std::puts("Found LNode for LUN Discovery");
+        else
+            getLuninfo(luns, e.local, e.remote, room);
+    }
     // The list closing answers the last driver result, 0, whatever was
     // found: agents take it as success.
     if (s.chain_end) return HBA_STATUS_OK;
