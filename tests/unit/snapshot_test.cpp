@@ -370,9 +370,15 @@ std::string Virtual(int port, uint64_t wwpn, uint64_t parent, int lnode_id, cons
 
 class Snapshots : public testenv::SimTest {
 protected:
+    // Handles another test of this program left open are not the
+    // snapshot's: count from what is open when the test starts.
+    void SetUp() override {
+        testenv::SimTest::SetUp();
+        open_before = tusksim_open_handles();
+    }
     void TearDown() override {
         // Every adapter the snapshot opened is closed again.
-        EXPECT_EQ(tusksim_open_handles(), 0u);
+        EXPECT_EQ(tusksim_open_handles(), open_before);
         testenv::SimTest::TearDown();
     }
 
@@ -398,6 +404,8 @@ protected:
         });
         return n;
     }
+
+    uint32_t open_before = 0;
 };
 
 // ---- The whole stream against the extended functions ----
@@ -635,14 +643,14 @@ TEST_F(Snapshots, SkippedAdaptersAreStillCountedInTheHeader) {
     ASSERT_EQ(tusksim_add_fault("tusk_get_hw_info", 1, -5, 0), 0);
     s = Take();
     EXPECT_TRUE(s.bytes == Join({clean.recs[2], clean.recs[3]}, 2));
-    EXPECT_EQ(tusksim_open_handles(), 0u);
+    EXPECT_EQ(tusksim_open_handles(), open_before);
 
     // Its extended attributes cannot be read: skipped, and closed.
     tusksim_clear_faults();
     ASSERT_EQ(tusksim_add_fault("tusk_get_hw_info", 2, -5, 0), 0);
     s = Take();
     EXPECT_TRUE(s.bytes == Join({clean.recs[2], clean.recs[3]}, 2));
-    EXPECT_EQ(tusksim_open_handles(), 0u);
+    EXPECT_EQ(tusksim_open_handles(), open_before);
 
     // Every adapter skipped: the header alone.
     tusksim_clear_faults();
