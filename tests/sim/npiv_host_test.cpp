@@ -241,7 +241,8 @@ TEST_F(NpivHostTest, ExplicitNumbersAndPortsWithoutAHostAreKept) {
     EXPECT_EQ(Hosts(), (std::set<std::string>{"host7", "host8", "host9"}));
     EXPECT_EQ(PortName(8), "0x2100000000000a02\n");
     EXPECT_EQ(PortName(9), "0x2800000000000a03\n");
-    const auto& l = sim::parse_fabric_text(tusksim_dump(), "dump").adapters[0].lnodes;
+    const sim::Fabric dumped = sim::parse_fabric_text(tusksim_dump(), "dump");
+    const auto& l = dumped.adapters[0].lnodes;
     EXPECT_EQ(l[1].scsi_host, std::optional<int>(-1));
     EXPECT_EQ(l[3].scsi_host, std::nullopt);  // a duplicate WWPN: still no host of its own
 }
