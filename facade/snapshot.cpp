@@ -218,7 +218,7 @@ bool AdapterWalk::port(uint32_t p, port_info& key, port_record& rec, bool& stop)
     if (mirvak_GetAdapterPortAttributes(handle_, p, &attr) != HBA_STATUS_OK) {
         // Kept as it stands: the adapter record goes out again with a port
         // count of 0, so after a failure at a later port the stream holds
-        // it twice. Agents read the second record as "ports unreadable".
+        // it twice. Agents parse the stream with this record in it.
         adapter_.port_count = 0;
         stop = true;
         const bool appended = out_.append(&adapter_, sizeof adapter_);
@@ -357,8 +357,9 @@ bool AdapterWalk::virtual_ports(uint32_t p, const port_info& local, uint32_t cou
         return true;
     }
     if (vports.list(handle_, local.attributes.PortWWN.wwn) != 0) {
-        // Kept as it stands: one cleared record in place of the list, which
-        // agents recognise by its zero name and counts.
+        // Kept as it stands: one cleared record in place of the list, while
+        // the port record still counts the virtual ports. Agents parse the
+        // stream with this record in it.
         remote_record blank;
         std::memset(&blank, 0, sizeof blank);
         return out_.append(&blank, sizeof blank);
@@ -453,8 +454,8 @@ void* MvFCoEIni::GetFCoEAll(void*, unsigned int* size) {
     if (size == nullptr) return nullptr;
     Stream out;
     if (!out.ok()) return nullptr;
-    // Not checked in the past; a scratch buffer that cannot be had now ends
-    // the snapshot like the chunk, everything released.
+    // The scratch buffers are checked like the chunk: the remote-port query
+    // writes into them unchecked. Nothing allocated here outlives a failure.
     Buffer ports(kScratchBytes);
     Buffer stats(kScratchBytes);
     if (!ports.ok() || !stats.ok()) return nullptr;
@@ -511,7 +512,8 @@ void* MvFCoEIni::GetFCoEAll(void*, unsigned int* size) {
         Array<port_info> keys(port_count);
         Array<port_record> records(port_count);
         // Kept as it stands: without these arrays the adapter leaves no
-        // record and its handle is not closed.
+        // record and its handle is not closed (agents see the adapter as
+        // skipped, like any other).
         if (!keys.ok() || !records.ok()) continue;
 
         AdapterWalk walk(out, handle, name, adapter, ports.out(), stats.out(), size);

@@ -22,20 +22,51 @@ struct DecodeError : std::runtime_error {
 // Walks the records by their counts: adapters > ports > remote ports > LUNs,
 // and ports > virtual ports > remote ports > LUNs.
 //
-// The header counts the adapters the library reported, not the records
-// present: adapters whose queries failed leave no record, and an adapter
-// whose later port failed its query appears a second time with 0 ports.
-// So adapter records are read until the end of the stream, whatever the
-// header says. The tree is
-//   { "adapter_count": <header>, "adapter_records": <records read>,
-//     "adapters": [ { "index", "port_count", ..., "ports": [...],
-//                     "repeat": true/false } ] }
-// An adapter record whose index was already seen is kept in the list in
-// stream order with "repeat": true (it is the second record the library
-// writes after a failed port; its port count is 0 and no ports follow it).
+// The tree:
+//   { "adapter_count": <header>, "adapter_records": <adapter records read>,
+//     "size": <stream bytes>,
+//     "adapters": [ { "offset", "index", "port_count", "ports_present",
+//                     "repeat", "instance", "name", standard attributes
+//                     ("model", "serial_number", ...), "hardware": {...},
+//                     "ports": [ { "offset", "index", "remote_count",
+//                                  "vport_count", port attributes ("port_wwn",
+//                                  "state", "speed", ...), "fcoe": {MACs, FCF
+//                                  index, VLAN, ...}, "statistics": {...},
+//                                  "remote_ports": [ {..., "luns": [...]} ],
+//                                  "virtual_ports": [ {..., "remote_ports":
+//                                                      [...]} ],
+//                                  "virtual_ports_listed" } ] } ] }
+// WWNs and MACs are "20:00:..." text; texts that are not printable ASCII
+// show their bytes as \xNN.
+//
+// How the stream is read where the library's counts are not record counts:
+//  - The header counts the adapters the library reported, not the records
+//    present (adapters whose queries failed leave none), so adapter records
+//    are read until the end of the stream, whatever the header says.
+//  - An adapter record is known by its two identical copies of the adapter
+//    description. After one, port records are read until its port count is
+//    reached or the next adapter record begins: a port whose query failed
+//    leaves no record, and after a later port fails the library writes the
+//    adapter record again with port count 0. Such a record is kept in the
+//    list in stream order with "repeat": true (an index already seen); its
+//    own port count is 0, so no ports are read under it.
+//  - A cleared (all-zero) record in place of a port's first virtual port is
+//    the library's answer when the list could not be had: it is consumed,
+//    "virtual_ports_listed" is false, and no further virtual-port records
+//    are read for that port.
+//  - The stream ending while an adapter still expects port records is
+//    reported as a truncation (a stream whose last adapter lost its last
+//    ports to failed queries cannot be told from one cut short). Ending
+//    between two adapters is not an error.
+//  - Records must carry the indexes their place implies (ports rising and
+//    below the port count, under the adapter's name; remote ports, virtual
+//    ports and LUNs 0, 1, 2 ...); anything else is an inconsistent stream.
+//    A stream in which the library could not allocate a record array holds
+//    counts without records and is reported so.
 //
 // Throws DecodeError naming the byte offset for a truncated or inconsistent
-// stream; never reads outside [data, data + size).
+// stream (the start of the record that cannot be read whole or does not
+// fit); never reads outside [data, data + size).
 nlohmann::json decode_snapshot(const unsigned char* data, std::size_t size);
 
 // The decoded tree as readable text, one line a field, indented by level.
