@@ -24,6 +24,7 @@ using mv::facade::AdapterName;
 using mv::facade::Array;
 using mv::facade::Owned;
 using mv::facade::VirtualPorts;
+using mv::facade::inherit_from_physical;
 using mv::snapshot::adapter_record;
 using mv::snapshot::lun_record;
 using mv::snapshot::port_record;
@@ -143,22 +144,6 @@ void stamp_stats(port_stats& stats, const AdapterName& name, uint32_t parent, ui
     name.put(reinterpret_cast<char*>(stats.reserved_0));
     stats.port_num = parent;
     stats.rport_index = self;
-}
-
-// What a virtual port takes over from its physical port: speed, frame size,
-// fabric name, VLAN id, and the device name (the adapter name when the
-// physical port has none). Agents show these for the virtual port.
-void inherit_from_physical(const port_info& phys, const AdapterName& name, port_info& vport) {
-    vport.attributes.PortSpeed = phys.attributes.PortSpeed;
-    vport.attributes.PortMaxFrameSize = phys.attributes.PortMaxFrameSize;
-    vport.attributes.FabricName = phys.attributes.FabricName;
-    vport.vlan_id = phys.vlan_id;
-    const std::size_t len = strnlen(phys.attributes.OSDeviceName, sizeof phys.attributes.OSDeviceName);
-    if (len != 0) {
-        std::memcpy(vport.attributes.OSDeviceName, phys.attributes.OSDeviceName, len);
-    } else {
-        name.put(vport.attributes.OSDeviceName);
-    }
 }
 
 // The LUN records of one remote port: the two indexes over the first 8

@@ -28,4 +28,20 @@ HBA_UINT32 VirtualPorts::list(HBA_HANDLE handle, const unsigned char* phys_wwpn)
     return mirvak_GetAllVPortsForPort(handle, phys_wwpn, list_.data(), count_);
 }
 
+void inherit_from_physical(const port_info& phys, const AdapterName& name, port_info& vport) {
+    vport.attributes.PortSpeed = phys.attributes.PortSpeed;
+    vport.attributes.PortMaxFrameSize = phys.attributes.PortMaxFrameSize;
+    vport.attributes.FabricName = phys.attributes.FabricName;
+    vport.vlan_id = phys.vlan_id;
+    const char* device = phys.attributes.OSDeviceName;
+    const std::size_t len = strnlen(device, sizeof phys.attributes.OSDeviceName);
+    if (len != 0) {
+        // The characters only, without their NUL: agents read the field up
+        // to the virtual port's own bytes beyond them.
+        std::memcpy(vport.attributes.OSDeviceName, device, len);
+    } else {
+        name.put(vport.attributes.OSDeviceName);
+    }
+}
+
 }  // namespace mv::facade

@@ -29,6 +29,12 @@ constexpr uint32_t kMaxVirtualPorts = 0xFFFF;
 // (the adapter is then closed).
 int prepare_local_port(Request& req, uint32_t port_num, port_info& port, int kind);
 
+// What a virtual port takes over from its physical port when that port is
+// neither offline nor down: speed and frame size, fabric name, VLAN, and the
+// device name (the adapter name when the port has none). Agents show these
+// for the virtual port.
+void inherit_from_physical(const port_info& phys, const AdapterName& name, port_info& vport);
+
 // The virtual ports of a local port, as the driver lists them for its WWPN:
 // one zeroed port_info per virtual port the local port counts.
 class VirtualPorts {

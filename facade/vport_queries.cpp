@@ -17,6 +17,7 @@ using mv::facade::Array;
 using mv::facade::Owned;
 using mv::facade::Request;
 using mv::facade::VirtualPorts;
+using mv::facade::inherit_from_physical;
 
 namespace {
 
@@ -32,25 +33,6 @@ void stamp_luns(lun_info* luns, std::size_t n, const vport_in& key, const Adapte
         mv::store<uint32_t>(luns[i].reserved_0, port);
         mv::store<uint32_t>(luns[i].reserved_0 + 4, rport);
         name.put(luns[i].device + kLunNameAt);
-    }
-}
-
-// What each virtual port takes over from its physical port when that port
-// is neither offline nor down: speed and frame size, fabric name, VLAN, and
-// the device name (the adapter name when the port has none).
-void inherit_from_physical(const port_info& phys, const AdapterName& name, port_info& vport) {
-    vport.attributes.PortSpeed = phys.attributes.PortSpeed;
-    vport.attributes.PortMaxFrameSize = phys.attributes.PortMaxFrameSize;
-    vport.attributes.FabricName = phys.attributes.FabricName;
-    vport.vlan_id = phys.vlan_id;
-    const char* device = phys.attributes.OSDeviceName;
-    const std::size_t len = strnlen(device, sizeof phys.attributes.OSDeviceName);
-    if (len != 0) {
-        // The characters only, without their NUL: agents read the field up
-        // to the virtual port's own bytes beyond them.
-        std::memcpy(vport.attributes.OSDeviceName, device, len);
-    } else {
-        name.put(vport.attributes.OSDeviceName);
     }
 }
 
