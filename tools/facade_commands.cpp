@@ -151,6 +151,19 @@ auto local_port_printer(PortKind kind) {
     return [kind](std::FILE* out, const json& p) { print_port_info(out, p, 2, kind); };
 }
 
+// One statistics record asked with a port or remote-port key, as data and
+// as text.
+template <class Key>
+Outcome stats_outcome(Session& s, const std::string& name, Key key, int (MvFCoEIni::*method)(Key*, void*, unsigned int*),
+                      const char* method_name, const std::string& title, PortKind kind) {
+    port_stats stats;
+    std::memset(&stats, 0, sizeof stats);
+    unsigned int size = 0;
+    check_facade((s.facade().*method)(&key, &stats, &size), method_name);
+    return one_outcome(json{{"adapter", name}, {"statistics", port_stats_json(stats)}}, "statistics", title,
+                       [kind](std::FILE* out, const json& st) { print_port_stats(out, st, 2, kind); });
+}
+
 }  // namespace
 
 Outcome adapter_info_command(Session& s) {
@@ -230,14 +243,8 @@ Outcome port_command(Session& s, const Selection& sel) {
 
 Outcome port_stats_command(Session& s, const Selection& sel) {
     const std::string name = s.adapter_name(sel.adapter);
-    port_info key = port_key(name, sel);
-    port_stats stats;
-    std::memset(&stats, 0, sizeof stats);
-    unsigned int size = 0;
-    check_facade(s.facade().GetPortStatistics(&key, &stats, &size), "GetPortStatistics");
-    return one_outcome(json{{"adapter", name}, {"statistics", port_stats_json(stats)}}, "statistics",
-                       name + " " + port_words(sel) + " statistics",
-                       [](std::FILE* out, const json& st) { print_port_stats(out, st, 2, PortKind::Local); });
+    return stats_outcome(s, name, port_key(name, sel), &MvFCoEIni::GetPortStatistics, "GetPortStatistics",
+                         name + " " + port_words(sel) + " statistics", PortKind::Local);
 }
 
 Outcome rports_command(Session& s, const Selection& sel) {
@@ -267,14 +274,8 @@ Outcome rports_command(Session& s, const Selection& sel) {
 
 Outcome rport_stats_command(Session& s, const Selection& sel) {
     const std::string name = s.adapter_name(sel.adapter);
-    vport_in key = vport_key(name, sel);
-    port_stats stats;
-    std::memset(&stats, 0, sizeof stats);
-    unsigned int size = 0;
-    check_facade(s.facade().GetRemotePortStatistics(&key, &stats, &size), "GetRemotePortStatistics");
-    return one_outcome(json{{"adapter", name}, {"statistics", port_stats_json(stats)}}, "statistics",
-                       name + " " + port_words(sel) + ", " + rport_words(sel) + " statistics",
-                       [](std::FILE* out, const json& st) { print_port_stats(out, st, 2, PortKind::Remote); });
+    return stats_outcome(s, name, vport_key(name, sel), &MvFCoEIni::GetRemotePortStatistics, "GetRemotePortStatistics",
+                         name + " " + port_words(sel) + ", " + rport_words(sel) + " statistics", PortKind::Remote);
 }
 
 Outcome vports_command(Session& s, const Selection& sel) {
@@ -295,14 +296,8 @@ Outcome vports_command(Session& s, const Selection& sel) {
 
 Outcome vport_stats_command(Session& s, const Selection& sel) {
     const std::string name = s.adapter_name(sel.adapter);
-    vport_in key = vport_key(name, sel);
-    port_stats stats;
-    std::memset(&stats, 0, sizeof stats);
-    unsigned int size = 0;
-    check_facade(s.facade().GetVirPortStatistics(&key, &stats, &size), "GetVirPortStatistics");
-    return one_outcome(json{{"adapter", name}, {"statistics", port_stats_json(stats)}}, "statistics",
-                       name + " " + vport_words(sel) + " statistics",
-                       [](std::FILE* out, const json& st) { print_port_stats(out, st, 2, PortKind::Virtual); });
+    return stats_outcome(s, name, vport_key(name, sel), &MvFCoEIni::GetVirPortStatistics, "GetVirPortStatistics",
+                         name + " " + vport_words(sel) + " statistics", PortKind::Virtual);
 }
 
 Outcome vport_rports_command(Session& s, const Selection& sel) {
@@ -322,14 +317,9 @@ Outcome vport_rports_command(Session& s, const Selection& sel) {
 
 Outcome vport_rport_stats_command(Session& s, const Selection& sel) {
     const std::string name = s.adapter_name(sel.adapter);
-    vport_in key = vport_key(name, sel);
-    port_stats stats;
-    std::memset(&stats, 0, sizeof stats);
-    unsigned int size = 0;
-    check_facade(s.facade().GetVirRemotePortStatistics(&key, &stats, &size), "GetVirRemotePortStatistics");
-    return one_outcome(json{{"adapter", name}, {"statistics", port_stats_json(stats)}}, "statistics",
-                       name + " " + vport_words(sel) + ", " + rport_words(sel) + " statistics",
-                       [](std::FILE* out, const json& st) { print_port_stats(out, st, 2, PortKind::Remote); });
+    return stats_outcome(s, name, vport_key(name, sel), &MvFCoEIni::GetVirRemotePortStatistics,
+                         "GetVirRemotePortStatistics", name + " " + vport_words(sel) + ", " + rport_words(sel) + " statistics",
+                         PortKind::Remote);
 }
 
 namespace {
