@@ -12,6 +12,7 @@
 #include "mirvak/mgmt.h"
 #include "mirvak/mv_fcoe_ini.h"
 #include "sim/tusksim.h"
+#include "facade_keys.h"
 #include "sim_env.h"
 
 namespace {
@@ -19,6 +20,9 @@ namespace {
 using testenv::Calls;
 using testenv::CaptureOut;
 using testenv::Fill;
+using testenv::PortKey;
+using testenv::StatsName;
+using testenv::VKey;
 using testenv::Untouched;
 
 constexpr unsigned int kSizePattern = 0xA5A5A5A5u;
@@ -36,33 +40,6 @@ const uint8_t kA1V2R0[8] = {0x50, 0x06, 0x01, 0x60, 0x00, 0xa1, 0x03, 0x01};
 const uint8_t kA1V2R1[8] = {0x50, 0x06, 0x01, 0x60, 0x00, 0xa1, 0x03, 0x02};
 const uint8_t kA4V2[8] = {0x28, 0x02, 0x00, 0x1b, 0x9e, 0xb4, 0x00, 0x00};
 const uint8_t kUnknown[8] = {0x21, 0x00, 0x00, 0x1b, 0x9e, 0xff, 0xff, 0xff};
-
-port_info PortKey(const char* name, uint32_t port = 0, const uint8_t* wwn = nullptr) {
-    port_info key;
-    std::memset(&key, 0, sizeof key);
-    std::strcpy(key.adapter_name, name);
-    key.port_num = port;
-    if (wwn) std::memcpy(key.attributes.PortWWN.wwn, wwn, 8);
-    return key;
-}
-
-vport_in VKey(const char* name, uint16_t port, uint16_t vport, uint16_t rport, const uint8_t* vwwn = nullptr,
-              const uint8_t* rwwn = nullptr) {
-    vport_in key;
-    std::memset(&key, 0, sizeof key);
-    std::strcpy(key.adapter_name, name);
-    key.port_num = port;
-    key.vport_index = vport;
-    key.rport_index = rport;
-    if (vwwn) std::memcpy(key.vport_wwpn, vwwn, 8);
-    if (rwwn) std::memcpy(key.rport_wwpn, rwwn, 8);
-    return key;
-}
-
-// The name field of a statistics record, as the facade fills it.
-std::string StatsName(const port_stats& s) {
-    return std::string(reinterpret_cast<const char*>(s.reserved_0), strnlen(reinterpret_cast<const char*>(s.reserved_0), 256));
-}
 
 // The records as the standard face and the extended interface give them,
 // put together by hand on a handle of the test's own.

@@ -14,6 +14,7 @@
 #include "mirvak/mgmt.h"
 #include "mirvak/mv_fcoe_ini.h"
 #include "sim/tusksim.h"
+#include "facade_keys.h"
 #include "sim_env.h"
 
 namespace {
@@ -21,6 +22,9 @@ namespace {
 using testenv::Calls;
 using testenv::CaptureOut;
 using testenv::Fill;
+using testenv::PortKey;
+using testenv::StatsName;
+using testenv::VKey;
 using testenv::Untouched;
 
 constexpr unsigned int kSizePattern = 0xA5A5A5A5u;
@@ -61,33 +65,6 @@ const uint8_t kA2V0[8] = {0x28, 0, 0, 0, 0, 0, 0x02, 0x01};
 std::string PortCounting(const std::string& word_28) {
     return R"({"adapters":[{"instance":2,"lnodes":[
       {"port_num":0,"port_wwn":"2100000000000201","lnode_id":1,"word_28":)" + word_28 + "}]}]}";
-}
-
-port_info PortKey(const char* name, uint32_t port = 0, const uint8_t* wwn = nullptr) {
-    port_info key;
-    std::memset(&key, 0, sizeof key);
-    std::strcpy(key.adapter_name, name);
-    key.port_num = port;
-    if (wwn) std::memcpy(key.attributes.PortWWN.wwn, wwn, 8);
-    return key;
-}
-
-vport_in VKey(const char* name, uint16_t port, uint16_t vport, uint16_t rport, const uint8_t* vwwn = nullptr,
-              const uint8_t* rwwn = nullptr) {
-    vport_in key;
-    std::memset(&key, 0, sizeof key);
-    std::strcpy(key.adapter_name, name);
-    key.port_num = port;
-    key.vport_index = vport;
-    key.rport_index = rport;
-    if (vwwn) std::memcpy(key.vport_wwpn, vwwn, 8);
-    if (rwwn) std::memcpy(key.rport_wwpn, rwwn, 8);
-    return key;
-}
-
-std::string StatsName(const port_stats& s) {
-    const char* p = reinterpret_cast<const char*>(s.reserved_0);
-    return std::string(p, strnlen(p, 256));
 }
 
 // What the facade writes into each LUN record beside the discovery's fields.
