@@ -1,4 +1,5 @@
 #include "output.h"
+#include "wwn_arg.h"
 
 #include <cstring>
 #include <string>
@@ -92,12 +93,7 @@ json port_json(const PluginLoader& plugin, HBA_HANDLE h, HBA_UINT32 index) {
 
 }  // namespace
 
-std::string format_wwn(const HBA_WWN& w) {
-    char buf[24];
-    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", w.wwn[0], w.wwn[1], w.wwn[2],
-                  w.wwn[3], w.wwn[4], w.wwn[5], w.wwn[6], w.wwn[7]);
-    return buf;
-}
+std::string format_wwn(const HBA_WWN& w) { return mv::tool::wwn_text(w.wwn); }
 
 json gather_adapters(const PluginLoader& plugin) {
     json adapters = json::array();
