@@ -2,6 +2,8 @@
 # Configure and build into build/ (or build-asan/ with --sanitize).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# Cached objects are shared between checkouts in other folders.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 dir=build
 flags=()
 if [ "${1:-}" = "--sanitize" ]; then

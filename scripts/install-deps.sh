@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ pkg-config
+  cmake make g++ pkg-config ccache
   libhbaapi-dev libhbaapi2
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
