@@ -39,6 +39,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -64,11 +65,16 @@ struct Size {
 
 // adapters, physical ports per adapter, virtual ports per port, targets per
 // local port, LUNs per target. 32 targets stay below the 35 discovered
-// ports beyond which the snapshot pauses 5 seconds on purpose.
+// ports beyond which the snapshot pauses 5 seconds on purpose. The wide
+// shapes double the local ports from one to the next (many virtual ports
+// with few targets each, as on a virtualisation host).
 const Size kSizes[] = {
     {"small", {1, 1, 1, 2, 2}},
     {"medium", {2, 2, 4, 8, 4}},
     {"large", {4, 2, 16, 32, 8}},
+    {"wide32", {4, 2, 32, 8, 2}},
+    {"wide64", {4, 2, 64, 8, 2}},
+    {"wide128", {4, 2, 128, 8, 2}},
 };
 
 std::string bench_parent() {
@@ -315,6 +321,70 @@ void BM_GetLunInfo(benchmark::State& st, std::size_t size) {
     st.counters["luns"] = static_cast<double>(length / sizeof(lun_info));
 }
 
+// The console output, then a summary of each shape measured in this run:
+// GetFCoEAll against Floor in time and in files and directories opened per
+// call, and, from one wide shape to the next (twice the local ports), how
+// the snapshot's time grew.
+class SummaryReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& r : runs) {
+            if (r.error_occurred || r.run_type != Run::RT_Iteration) continue;
+            Measured m;
+            m.ms = r.GetAdjustedRealTime();
+            m.cpu_ms = r.GetAdjustedCPUTime();
+            const auto counter = [&](const char* name) {
+                const auto it = r.counters.find(name);
+                return it == r.counters.end() ? 0.0 : it->second.value;
+            };
+            m.opened = counter("files") + counter("dirs");
+            measured_[r.run_name.function_name] = m;
+        }
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        std::FILE* out = stdout;
+        std::fprintf(out, "\n%-8s %6s %12s %12s %8s %10s %10s %7s %12s %11s\n", "shape", "local", "Floor ms",
+                     "FCoEAll ms", "ratio", "Floor opn", "FCoEAll opn", "ratio", "Mapping ms", "LunInfo ms");
+        const Measured* previous_wide = nullptr;
+        std::string growth;
+        for (const Size& size : kSizes) {
+            const std::string n = size.name;
+            const Measured* floor = find("Floor/" + n);
+            const Measured* all = find("GetFCoEAll/" + n);
+            if (floor == nullptr && all == nullptr) continue;
+            const sim::ScaleCounts c = sim::scale_counts(size.params);
+            const auto ms = [](const Measured* m) { return m != nullptr ? m->ms : 0.0; };
+            const auto opened = [](const Measured* m) { return m != nullptr ? m->opened : 0.0; };
+            const auto ratio = [](double a, double b) { return b > 0 ? a / b : 0.0; };
+            std::fprintf(out, "%-8s %6llu %12.1f %12.1f %7.2fx %10.0f %10.0f %6.2fx %12.2f %11.2f\n", n.c_str(),
+                         static_cast<unsigned long long>(c.physical_ports + c.virtual_ports), ms(floor), ms(all),
+                         ratio(ms(all), ms(floor)), opened(floor), opened(all), ratio(opened(all), opened(floor)),
+                         ms(find("GetFCPTargetMapping/" + n)), ms(find("GetLunInfo/" + n)));
+            if (n.rfind("wide", 0) == 0 && all != nullptr) {
+                if (previous_wide != nullptr)
+                    growth += "  -> " + n + ": " + std::to_string(ratio(all->ms, previous_wide->ms)) + "x\n";
+                previous_wide = all;
+            }
+        }
+        if (!growth.empty()) std::fprintf(out, "GetFCoEAll time, twice the local ports:\n%s", growth.c_str());
+    }
+
+private:
+    struct Measured {
+        double ms = 0;
+        double cpu_ms = 0;
+        double opened = 0;
+    };
+    const Measured* find(const std::string& name) const {
+        const auto it = measured_.find(name);
+        return it == measured_.end() ? nullptr : &it->second;
+    }
+    std::map<std::string, Measured> measured_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -343,7 +413,8 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::AddCustomContext("simulated host", "trees under " + bench_parent());
-    benchmark::RunSpecifiedBenchmarks();
+    SummaryReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;
 }

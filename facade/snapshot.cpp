@@ -15,6 +15,7 @@
 
 #include "facade/request.h"
 #include "facade/virtual_ports.h"
+#include "host/sysfs_view.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
 #include "mirvak/mv_fcoe_ini.h"
@@ -437,6 +438,10 @@ bool AdapterWalk::virtual_port(uint32_t p, const port_info& local, port_info& li
 
 void* MvFCoEIni::GetFCoEAll(void*, unsigned int* size) {
     if (size == nullptr) return nullptr;
+    // The walk asks for the same sysfs files and listings over and over
+    // (every remote port's LUN queries scan the fc_host tree from the top):
+    // each is read once in this call and answered from memory after that.
+    mv::host::SysfsRequest sysfs;
     Stream out;
     if (!out.ok()) return nullptr;
     // The scratch buffers are checked like the chunk: the remote-port query

@@ -7,6 +7,7 @@
 
 #include "facade/request.h"
 #include "facade/virtual_ports.h"
+#include "host/sysfs_view.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
 #include "mirvak/mv_fcoe_ini.h"
@@ -138,6 +139,7 @@ int MvFCoEIni::GetVirPortStatistics(vport_in* key, void* buf, unsigned int* size
 
 int MvFCoEIni::GetVPortLunInfo(vport_in* key, char** buf, unsigned int* size) {
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
+    mv::host::SysfsRequest sysfs;  // each sysfs file read once in this request
     Request req(key->adapter_name);
     if (!req.opened()) return FCOE_ERR_ADAPTER_OPEN;
     Owned<lun_info> luns;
@@ -189,6 +191,7 @@ int MvFCoEIni::GetVPortLunInfo(vport_in* key, char** buf, unsigned int* size) {
 
 int MvFCoEIni::GetLunInfo(vport_in* key, char** buf, unsigned int* size) {
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
+    mv::host::SysfsRequest sysfs;  // each sysfs file read once in this request
     Request req(key->adapter_name);
     if (!req.opened()) return FCOE_ERR_ADAPTER_OPEN;
     int count = 0;

@@ -1,15 +1,13 @@
 // Port attributes of the standard face: one port, the first n ports, their
 // targets, and the host's fc_host directory of a port.
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "driver/port_rules.h"
 #include "driver/walks.h"
+#include "host/sysfs_view.h"
 #include "mirvak/hba_plugin.h"
 #include "mirvak/port_helpers.h"
 
@@ -172,34 +170,35 @@ int get_path_for_pwwn(const unsigned char* wwn, char* out) {
     char key[19];
     std::snprintf(key, sizeof key, "0x%02x%02x%02x%02x%02x%02x%02x%02x", wwn[0], wwn[1], wwn[2], wwn[3], wwn[4],
                   wwn[5], wwn[6], wwn[7]);
-    DIR* dir = opendir(kFcHostDir);
-    if (dir == nullptr) {
+    mv::host::Directory dir(kFcHostDir);
+    if (!dir.opened()) {
+        errno = dir.open_errno();
         std::perror("opendir");
         return -1;
     }
     int result = -1;
-    while (const dirent* entry = readdir(dir)) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    while (const char* name = dir.next()) {
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
         char path[512];
-        std::snprintf(path, sizeof path, "%s/%s/%s", kFcHostDir, entry->d_name, "port_name");
-        const int fd = open(path, O_RDONLY);
-        if (fd < 0) {
+        std::snprintf(path, sizeof path, "%s/%s/%s", kFcHostDir, name, "port_name");
+        mv::host::File file(path);
+        if (file.open_result() < 0) {
             // One unreadable entry ends the scan.
+            errno = file.open_errno();
             std::perror("file open");
             break;
         }
         char text[257] = {};
-        const ssize_t n = read(fd, text, 256);
+        const ssize_t n = file.read(text, 256);
         if (n < 0) {
             std::perror("file read");
-            close(fd);
             break;
         }
         char word[257] = {};
         std::sscanf(text, "%256s", word);
-        close(fd);
+        file.close();
         if (std::strncmp(word, key, std::strlen(key)) == 0) {
-            const std::string found = std::string(kFcHostDir) + "/" + entry->d_name;
+            const std::string found = std::string(kFcHostDir) + "/" + name;
             const std::size_t len = found.size() < 255 ? found.size() : 255;
             std::memcpy(out, found.data(), len);
             out[len] = '\0';
@@ -207,6 +206,6 @@ int get_path_for_pwwn(const unsigned char* wwn, char* out) {
             break;
         }
     }
-    closedir(dir);
+    dir.close();
     return result;
 }

@@ -8,6 +8,7 @@
 
 #include "driver/walks.h"
 #include "hba/luid.h"
+#include "host/sysfs_view.h"
 #include "mirvak/fcp_mapping.h"
 #include "mirvak/host_view.h"
 #include "mirvak/instance_map.h"
@@ -130,6 +131,7 @@ bool read_luid(const char* device, uint8_t (&luid)[mv::kLuidSize]) {
 
 int GetFCPTargetMapping(HBA_HANDLE handle, void* mapping, int version, HBA_WWN port_wwn) {
     if (handle == mv::kBadHandle) return -1;
+    mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     const bool v1 = version == kVersion1;
     const std::size_t entry_size = v1 ? sizeof(MV_FCPSCSIENTRY) : sizeof(MV_FCPSCSIENTRYV2);
     auto* base = static_cast<unsigned char*>(mapping);
@@ -198,6 +200,7 @@ HBA_STATUS mirvak_GetFCPTargetMappingv2(HBA_HANDLE handle, HBA_WWN port_wwn, MV_
 int GetDeviceFromFCPLunOrPortWWN(HBA_HANDLE handle, HBA_UINT64 fcp_lun, HBA_UINT32, HBA_WWN port_wwn, HBA_WWN,
                                  char* out, HBA_UINT32 first) {
     if (handle == mv::kBadHandle) return -1;
+    mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     // Every port that matches is searched (not only the first), and the
     // target WWN is not compared: every target of such a port is examined.
     const HBA_STATUS status = walk_target_luns(

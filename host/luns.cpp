@@ -19,8 +19,11 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "host/sysfs_read.h"
+#include "host/sysfs_view.h"
 #include "mirvak/host_view.h"
 #include "host/lun_count.h"
 
@@ -38,32 +41,105 @@ using Path = std::unique_ptr<char, FreeDeleter>;
 
 Path cat(const Path& dir, const char* name) { return Path(path_cat(dir.get(), name)); }
 
-// A directory being read. One that cannot be opened reads as empty and is
-// not closed; a failed close prints the directory's fixed line and the walk
-// goes on.
+// A directory being read (from the request's view when one is open). One
+// that cannot be opened reads as empty and is not closed; a failed close
+// prints the directory's fixed line and the walk goes on.
 class Dir {
 public:
     Dir(const char* path, const char* close_message, bool quiet)
-        : dir_(path != nullptr ? opendir(path) : nullptr), message_(close_message), quiet_(quiet) {}
+        : dir_(path), message_(close_message), quiet_(quiet) {}
     Dir(const Dir&) = delete;
     Dir& operator=(const Dir&) = delete;
     ~Dir() { close(); }
 
-    const dirent* next() { return dir_ != nullptr ? readdir(dir_) : nullptr; }
+    const char* next() { return dir_.next(); }
 
     void close() {
-        if (dir_ == nullptr) return;
-        if (closedir(dir_) != 0 && !quiet_) std::puts(message_);
-        dir_ = nullptr;
+        if (!dir_.close() && !quiet_) std::puts(message_);
     }
 
 private:
-    DIR* dir_;
+    mv::host::Directory dir_;
     const char* message_;
     bool quiet_;
 };
 
 bool has(const char* name, const char* part) { return std::strstr(name, part) != nullptr; }
+
+// With a request's view open: the fc_host entries that a walk for a given
+// local port has anything to do with, worked out once per request. The walk
+// reads a host's port_name and, when it is not the local port's, closes the
+// host again without a word, unless the port_name cannot be opened or the
+// host directory cannot be closed, which prints a line. So a walk needs to
+// visit only the hosts whose port_name is its local port's and the hosts
+// that print; it visits them in the listing's order, as it would have met
+// them, and what it does there is unchanged.
+class HostIndex : public mv::host::ViewMemo {
+public:
+    // The index of the open view (made on first use); null when no view is
+    // open or the index cannot be had, and every host is then visited.
+    static const HostIndex* of_view() {
+        if (auto* kept = dynamic_cast<const HostIndex*>(mv::host::view_memo())) return kept;
+        const mv::host::Listing* hosts = mv::host::view_listing(kFcHostDir);
+        if (hosts == nullptr) return nullptr;
+        try {
+            auto made = std::make_unique<HostIndex>(*hosts);
+            const HostIndex* index = made.get();
+            mv::host::keep_view_memo(std::move(made));
+            return mv::host::view_memo() == index ? index : nullptr;
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
+    }
+
+    explicit HostIndex(const mv::host::Listing& hosts) : names_(hosts.names) {
+        for (std::size_t i = 0; i < names_.size(); ++i) {
+            const char* name = names_[i].c_str();
+            if (!has(name, "host")) continue;
+            const std::string host = std::string(kFcHostDir) + "/" + name;
+            const mv::host::Listing* entries = mv::host::view_listing(host.c_str());
+            if (entries == nullptr) {  // not kept: always visited
+                noisy_.push_back(i);
+                continue;
+            }
+            if (!entries->opened) continue;  // no entries, nothing to close
+            bool named = false;
+            for (const std::string& a : entries->names) named = named || has(a.c_str(), "port_name");
+            bool noisy = entries->close_failed;
+            if (named) {
+                const std::string port_name = host + "/port_name";
+                const mv::host::FileBytes* f = mv::host::view_file(port_name.c_str());
+                noisy = noisy || f == nullptr || !f->opened;
+                if (!noisy) by_wwn_[mv::value_in_view(port_name.c_str())].push_back(i);
+            }
+            if (noisy) noisy_.push_back(i);
+        }
+    }
+
+    // Calls visit(name) for each host entry to visit for this local port,
+    // in the listing's order.
+    template <class Visit>
+    void each_host(unsigned long local, Visit&& visit) const {
+        static const std::vector<std::size_t> kNone;
+        const auto it = by_wwn_.find(local);
+        const std::vector<std::size_t>& named = it != by_wwn_.end() ? it->second : kNone;
+        std::size_t a = 0, b = 0;
+        while (a < named.size() || b < noisy_.size()) {
+            std::size_t i;
+            if (b == noisy_.size() || (a < named.size() && named[a] < noisy_[b])) {
+                i = named[a++];
+            } else {
+                i = noisy_[b++];
+            }
+            visit(names_[i].c_str());
+        }
+    }
+
+private:
+    const std::vector<std::string>& names_;
+    std::unordered_map<unsigned long, std::vector<std::size_t>> by_wwn_;
+    std::vector<std::size_t> noisy_;  // hosts that print whatever the local port
+};
 
 // Copies src into a text field of cap bytes, cut to fit, NUL included.
 void copy_text(char* dst, std::size_t cap, const char* src) {
@@ -125,6 +201,7 @@ public:
     lun_info* grown() const { return grown_; }
 
 private:
+    void visit_host(const char* name);
     void walk_device(const Path& host);
     void walk_rport(const Path& rport);
     void walk_lun(const Path& target, const char* entry);
@@ -150,37 +227,45 @@ private:
 
 void LunWalk::run() {
     Dir classes(kFcHostDir, "Error on closedir for dir", quiet_);
-    while (const dirent* e = classes.next()) {
-        if (!has(e->d_name, "host")) continue;
-        const Path host(path_cat(kFcHostDir, e->d_name));
-        Dir host_dir(host.get(), "Error on closedir for host_dir", quiet_);
-        while (const dirent* a = host_dir.next()) {
-            if (!has(a->d_name, "port_name")) continue;
-            // Whichever entry matched (port_name itself or another attribute
-            // ending in it), the file read is the host's port_name.
-            const Path port_name = cat(host, "port_name");
-            if (port_name == nullptr || mv::read_val_text(port_name.get(), quiet_) != local_) {
-                host_dir.close();
-                break;
-            }
-            // Kept as it stands: every further entry matching "port_name"
-            // repeats the whole device walk, so its LUNs are counted,
-            // printed and recorded once more.
-            walk_device(host);
+    if (const HostIndex* index = HostIndex::of_view()) {
+        index->each_host(local_, [&](const char* name) { visit_host(name); });
+    } else {
+        while (const char* e = classes.next()) {
+            if (!has(e, "host")) continue;
+            visit_host(e);
         }
-        host_dir.close();
     }
     classes.close();
+}
+
+void LunWalk::visit_host(const char* name) {
+    const Path host(path_cat(kFcHostDir, name));
+    Dir host_dir(host.get(), "Error on closedir for host_dir", quiet_);
+    while (const char* a = host_dir.next()) {
+        if (!has(a, "port_name")) continue;
+        // Whichever entry matched (port_name itself or another attribute
+        // ending in it), the file read is the host's port_name.
+        const Path port_name = cat(host, "port_name");
+        if (port_name == nullptr || mv::read_val_text(port_name.get(), quiet_) != local_) {
+            host_dir.close();
+            break;
+        }
+        // Kept as it stands: every further entry matching "port_name"
+        // repeats the whole device walk, so its LUNs are counted, printed
+        // and recorded once more.
+        walk_device(host);
+    }
+    host_dir.close();
 }
 
 void LunWalk::walk_device(const Path& host) {
     const Path device = cat(host, "device");
     Dir device_dir(device.get(), "Error on closedir for device_dp", quiet_);
-    while (const dirent* r = device_dir.next()) {
-        if (!has(r->d_name, "rport")) continue;
-        const Path rport = cat(device, r->d_name);
+    while (const char* r = device_dir.next()) {
+        if (!has(r, "rport")) continue;
+        const Path rport = cat(device, r);
         const Path prefix = cat(rport, "fc_remote_ports:");
-        const Path remote_dir(str_cat(prefix.get(), r->d_name));
+        const Path remote_dir(str_cat(prefix.get(), r));
         const Path port_name = cat(remote_dir, "port_name");
         if (port_name == nullptr || mv::read_val_text(port_name.get(), quiet_) != remote_) continue;
         // Kept as it stands: the matching port_name is read once more into
@@ -195,13 +280,13 @@ void LunWalk::walk_device(const Path& host) {
 
 void LunWalk::walk_rport(const Path& rport) {
     Dir rport_dir(rport.get(), "Error on closedir for device_dir_rport", quiet_);
-    while (const dirent* t = rport_dir.next()) {
-        if (!has(t->d_name, "target")) continue;
-        const Path target = cat(rport, t->d_name);
+    while (const char* t = rport_dir.next()) {
+        if (!has(t, "target")) continue;
+        const Path target = cat(rport, t);
         Dir target_dir(target.get(), "Error on closedir for disk_path", quiet_);
         // Every entry, "." and ".." included, is a LUN when it has a vendor
         // file.
-        while (const dirent* l = target_dir.next()) walk_lun(target, l->d_name);
+        while (const char* l = target_dir.next()) walk_lun(target, l);
         target_dir.close();
     }
     rport_dir.close();
@@ -235,7 +320,7 @@ lun_info* LunWalk::record_for_next_lun() {
 void LunWalk::walk_lun(const Path& target, const char* entry) {
     const Path lun = cat(target, entry);
     const Path vendor = cat(lun, "vendor");
-    if (vendor == nullptr || access(vendor.get(), F_OK) != 0) return;
+    if (vendor == nullptr || mv::host::access_exists(vendor.get()) != 0) return;
 
     lun_info* rec = record_for_next_lun();
     if (rec != nullptr) {
@@ -249,18 +334,18 @@ void LunWalk::walk_lun(const Path& target, const char* entry) {
     if (rec != nullptr) copy_text(rec->hctl, sizeof rec->hctl, entry);
 
     Dir lun_dir(lun.get(), "Error on closedir for scsi_disk", quiet_);
-    while (const dirent* b = lun_dir.next()) {
-        if (!has(b->d_name, "block:")) continue;
+    while (const char* b = lun_dir.next()) {
+        if (!has(b, "block:")) continue;
         ++blocks_;
         if (quiet_) continue;  // sizing a caller's array needs the count only
-        const BlockName name = split_block_name(b->d_name);
+        const BlockName name = split_block_name(b);
         if (rec != nullptr) std::snprintf(rec->device, sizeof rec->device, "/dev/%s", name.device.c_str());
         // Kept as it stands: getNumLuns and getVportLuninfo cut the entry's
         // own name to "block" and read <lun>/block/size, which only kernels
         // publishing the block/ directory have; getLuninfo reads
         // <lun>/block:sdX/size. Where the size file is missing the record
         // gets the working value as it stands.
-        const char* size_dir = keep_ == Keep::Fill ? b->d_name : name.cut.c_str();
+        const char* size_dir = keep_ == Keep::Fill ? b : name.cut.c_str();
         const Path size = cat(cat(lun, size_dir), "size");
         if (size != nullptr) mv::read_proc_text(size.get(), &work_, 10, quiet_);
         if (rec != nullptr) rec->size = work_;

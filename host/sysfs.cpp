@@ -1,13 +1,11 @@
 // Small readers of sysfs attribute files and the path builders every walk of
 // the host's tree uses.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "host/sysfs_read.h"
+#include "host/sysfs_view.h"
 #include "mirvak/host_view.h"
 
 namespace {
@@ -48,36 +46,32 @@ char* str_cat(const char* head, const char* tail) {
 int read_string(const char* path, char* out) {
     char line[kStringLine];
     std::memset(line, 0, sizeof line);
-    std::FILE* f = std::fopen(path, "r");
-    if (f == nullptr) return -1;  // silent: a missing vendor file is not worth a line
-    // An unreadable file leaves the cleared line, which holds no word.
-    if (std::fgets(line, sizeof line, f) == nullptr) line[0] = '\0';
+    std::FILE* f = nullptr;
+    if (const mv::host::FileBytes* seen = mv::host::view_file(path)) {
+        if (!seen->opened) return -1;
+        if (!seen->gets(line, sizeof line)) line[0] = '\0';
+    } else {
+        f = std::fopen(path, "r");
+        if (f == nullptr) return -1;  // silent: a missing vendor file is not worth a line
+        // An unreadable file leaves the cleared line, which holds no word.
+        if (std::fgets(line, sizeof line, f) == nullptr) line[0] = '\0';
+    }
     // The line is cut at its first blank and the first word of what is left
     // is taken, so the newline goes and a two-word vendor yields only its
     // first word. A line without a word leaves out as it was.
     char* rest = nullptr;
     const char* token = strtok_r(line, " ", &rest);
     if (token != nullptr) std::sscanf(token, "%255s", out);  // a token holds at most 255 characters
-    std::fclose(f);
+    if (f != nullptr) std::fclose(f);
     return 0;
 }
 
 namespace mv {
 
-unsigned long read_val_text(const char* path, bool quiet) {
-    std::FILE* f = std::fopen(path, "r");
-    if (f == nullptr) {
-        if (!quiet) std::printf("read_val:: File %s open failed\n", path);
-        return 0;
-    }
-    char line[kValueLine];
-    if (std::fgets(line, sizeof line, f) == nullptr) {
-        // An empty file reads as WWN 0, which matches no port. (The file
-        // used to be left open here; callers cannot tell, and closing it
-        // keeps a long-lived agent from running out of descriptors.)
-        std::fclose(f);
-        return 0;
-    }
+namespace {
+
+// The WWN on a port_name file's first line.
+unsigned long value_of_line(char* line) {
     unsigned long value = 0;
     char* rest = nullptr;
     const char* token = strtok_r(line, " \n", &rest);
@@ -85,18 +79,55 @@ unsigned long read_val_text(const char* path, bool quiet) {
     // conversion does (leading "0x" and sign accepted), without its
     // undefined result on overflow: a too-long number saturates.
     if (token != nullptr) value = std::strtoul(token, nullptr, 16);
+    return value;
+}
+
+void say_open_failed(const char* who, const char* path, bool quiet) {
+    if (!quiet) std::printf("%s:: File %s open failed\n", who, path);
+}
+
+}  // namespace
+
+unsigned long read_val_text(const char* path, bool quiet) {
+    char line[kValueLine];
+    if (const host::FileBytes* seen = host::view_file(path)) {
+        if (!seen->opened) {
+            say_open_failed("read_val", path, quiet);
+            return 0;
+        }
+        return seen->gets(line, sizeof line) ? value_of_line(line) : 0;
+    }
+    std::FILE* f = std::fopen(path, "r");
+    if (f == nullptr) {
+        say_open_failed("read_val", path, quiet);
+        return 0;
+    }
+    if (std::fgets(line, sizeof line, f) == nullptr) {
+        // An empty file reads as WWN 0, which matches no port. (The file
+        // used to be left open here; callers cannot tell, and closing it
+        // keeps a long-lived agent from running out of descriptors.)
+        std::fclose(f);
+        return 0;
+    }
+    const unsigned long value = value_of_line(line);
     std::fclose(f);
     return value;
 }
 
+unsigned long value_in_view(const char* path) {
+    const host::FileBytes* seen = host::view_file(path);
+    char line[kValueLine];
+    return seen != nullptr && seen->opened && seen->gets(line, sizeof line) ? value_of_line(line) : 0;
+}
+
 int read_proc_text(const char* path, unsigned long* out, int base, bool quiet) {
-    const int fd = open(path, O_RDONLY);
+    host::File f(path);
     // Only a descriptor above 0 counts: an open that hands out descriptor 0
     // (standard input was closed) is reported as a failure, and callers see
     // -1 with *out untouched.
-    if (fd <= 0) {
-        if (fd == 0) close(fd);
-        if (!quiet) std::printf("read_proc:: File %s open failed\n", path);
+    if (f.open_result() <= 0) {
+        f.close();
+        say_open_failed("read_proc", path, quiet);
         return -1;
     }
     // At most 16 bytes are read and the conversion stops at the file's own
@@ -105,12 +136,12 @@ int read_proc_text(const char* path, unsigned long* out, int base, bool quiet) {
     // an unreadable one, which reads as empty and converts to 0) cannot take
     // the conversion past the bytes read.
     char buf[kProcBytes + 1];
-    ssize_t n = read(fd, buf, kProcBytes);
+    ssize_t n = f.read(buf, kProcBytes);
     if (n < 0) n = 0;
     buf[n] = '\0';
     char* end = nullptr;
     *out = static_cast<unsigned long>(std::strtol(buf, &end, base));
-    close(fd);
+    f.close();
     return 0;
 }
 

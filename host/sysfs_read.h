@@ -9,6 +9,10 @@ namespace mv {
 unsigned long read_val_text(const char* path, bool quiet);
 int read_proc_text(const char* path, unsigned long* out, int base, bool quiet);
 
+// What read_val gives for this file from the open per-request view, without
+// a word printed (0 also when no view is open).
+unsigned long value_in_view(const char* path);
+
 }  // namespace mv
 
 #endif

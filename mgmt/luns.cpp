@@ -8,6 +8,7 @@
 
 #include "driver/walks.h"
 #include "host/lun_count.h"
+#include "host/sysfs_view.h"
 #include "mirvak/host_view.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
@@ -65,6 +66,8 @@ LunSearch search_luns(HBA_HANDLE handle, const vport_in& key, Announce&& announc
 
 HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info* luns, int*) {
     if (handle == mv::kBadHandle) return kBadHandleStatus;
+    // The LUNs are counted, then listed: each sysfs file read once.
+    mv::host::SysfsRequest sysfs;
     if (both_wwns_given(*key)) {
         getLuninfo(luns, charArrayToLong(key->vport_wwpn), charArrayToLong(key->rport_wwpn));
         return HBA_STATUS_OK;
@@ -105,6 +108,7 @@ HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info*
 
 HBA_UINT32 mirvak_GetKXLunCount(HBA_HANDLE handle, const vport_in* key, int* count) {
     if (handle == mv::kBadHandle) return kBadHandleStatus;
+    mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     if (both_wwns_given(*key)) {
         *count = static_cast<int>(getNumLuns(charArrayToLong(key->vport_wwpn), charArrayToLong(key->rport_wwpn)));
         return HBA_STATUS_OK;
@@ -122,6 +126,7 @@ HBA_UINT32 mirvak_GetKXLunCount(HBA_HANDLE handle, const vport_in* key, int* cou
 
 HBA_UINT32 mirvak_GetKXVPortLunInfo_by_wwn(HBA_HANDLE, const unsigned char* local, const unsigned char* remote,
                                            lun_info** luns, unsigned int* count) {
+    mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     unsigned int found = 0;
     getVportLuninfo(luns, charArrayToLong(local), charArrayToLong(remote), &found);
     *count = found;
