@@ -41,6 +41,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -215,22 +216,32 @@ public:
 };
 
 // Every directory and file below dir once: what reading the tree costs at
-// the least.
-void read_tree(const std::string& dir, std::size_t& bytes) {
+// the least. Links are followed (the class directories of a host may link
+// into its device tree), but each directory and each file is read once
+// however many names lead to it.
+struct Seen {
+    std::set<std::pair<dev_t, ino_t>> dirs;
+    std::set<std::pair<dev_t, ino_t>> files;
+};
+
+void read_tree(const std::string& dir, std::size_t& bytes, Seen& seen) {
     DIR* d = opendir(dir.c_str());
     if (d == nullptr) return;
     while (const dirent* e = readdir(d)) {
         if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
         const std::string path = dir + "/" + e->d_name;
         unsigned char type = e->d_type;
-        if (type == DT_UNKNOWN) {
-            struct stat st {};
-            if (lstat(path.c_str(), &st) != 0) continue;
+        std::pair<dev_t, ino_t> id{0, e->d_ino};
+        struct stat st {};
+        if (type == DT_UNKNOWN || type == DT_LNK) {
+            if (stat(path.c_str(), &st) != 0) continue;
             type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
+            id = {0, st.st_ino};
         }
         if (type == DT_DIR) {
-            read_tree(path, bytes);
+            if (seen.dirs.insert(id).second) read_tree(path, bytes, seen);
         } else if (type == DT_REG) {
+            if (!seen.files.insert(id).second) continue;
             const int fd = open(path.c_str(), O_RDONLY);
             if (fd < 0) continue;
             char buf[4096];
@@ -247,7 +258,8 @@ void BM_Floor(benchmark::State& st, std::size_t size) {
     std::size_t bytes = 0;
     Tally tally;
     for (auto _ : st) {
-        read_tree("/sys/class/fc_host", bytes);
+        Seen seen;
+        read_tree("/sys/class/fc_host", bytes, seen);
         benchmark::DoNotOptimize(bytes);
     }
     tally.report(st);
@@ -327,6 +339,9 @@ void BM_GetLunInfo(benchmark::State& st, std::size_t size) {
 // the snapshot's time grew.
 class SummaryReporter : public benchmark::ConsoleReporter {
 public:
+    // Colours only on a terminal.
+    SummaryReporter() : ConsoleReporter(isatty(STDOUT_FILENO) != 0 ? OO_Defaults : OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& r : runs) {
@@ -346,8 +361,9 @@ public:
     void Finalize() override {
         ConsoleReporter::Finalize();
         std::FILE* out = stdout;
-        std::fprintf(out, "\n%-8s %6s %12s %12s %8s %10s %10s %7s %12s %11s\n", "shape", "local", "Floor ms",
-                     "FCoEAll ms", "ratio", "Floor opn", "FCoEAll opn", "ratio", "Mapping ms", "LunInfo ms");
+        std::fprintf(out, "\nGetFCoEAll against Floor, measured in this run (wall time; CPU time in brackets):\n");
+        std::fprintf(out, "%-8s %6s %10s %10s %16s %9s %9s %7s %11s %11s\n", "shape", "local", "Floor ms",
+                     "FCoEAll ms", "ratio", "Floor opn", "FCoE opn", "ratio", "Mapping ms", "LunInfo ms");
         const Measured* previous_wide = nullptr;
         std::string growth;
         for (const Size& size : kSizes) {
@@ -356,20 +372,28 @@ public:
             const Measured* all = find("GetFCoEAll/" + n);
             if (floor == nullptr && all == nullptr) continue;
             const sim::ScaleCounts c = sim::scale_counts(size.params);
-            const auto ms = [](const Measured* m) { return m != nullptr ? m->ms : 0.0; };
-            const auto opened = [](const Measured* m) { return m != nullptr ? m->opened : 0.0; };
-            const auto ratio = [](double a, double b) { return b > 0 ? a / b : 0.0; };
-            std::fprintf(out, "%-8s %6llu %12.1f %12.1f %7.2fx %10.0f %10.0f %6.2fx %12.2f %11.2f\n", n.c_str(),
-                         static_cast<unsigned long long>(c.physical_ports + c.virtual_ports), ms(floor), ms(all),
-                         ratio(ms(all), ms(floor)), opened(floor), opened(all), ratio(opened(all), opened(floor)),
-                         ms(find("GetFCPTargetMapping/" + n)), ms(find("GetLunInfo/" + n)));
+            const Measured none;
+            const Measured& f = floor != nullptr ? *floor : none;
+            const Measured& a = all != nullptr ? *all : none;
+            const Measured* mapping = find("GetFCPTargetMapping/" + n);
+            const Measured* lun_info = find("GetLunInfo/" + n);
+            std::fprintf(out, "%-8s %6llu %10.1f %10.1f %6.2fx (%5.2fx) %9.0f %9.0f %6.2fx %11.2f %11.2f\n",
+                         n.c_str(), static_cast<unsigned long long>(c.physical_ports + c.virtual_ports), f.ms, a.ms,
+                         ratio(a.ms, f.ms), ratio(a.cpu_ms, f.cpu_ms), f.opened, a.opened, ratio(a.opened, f.opened),
+                         mapping != nullptr ? mapping->ms : 0.0, lun_info != nullptr ? lun_info->ms : 0.0);
             if (n.rfind("wide", 0) == 0 && all != nullptr) {
-                if (previous_wide != nullptr)
-                    growth += "  -> " + n + ": " + std::to_string(ratio(all->ms, previous_wide->ms)) + "x\n";
+                if (previous_wide != nullptr) {
+                    char line[128];
+                    std::snprintf(line, sizeof line, "  %-8s %5.2fx (%5.2fx)\n", n.c_str(),
+                                  ratio(all->ms, previous_wide->ms), ratio(all->cpu_ms, previous_wide->cpu_ms));
+                    growth += line;
+                }
                 previous_wide = all;
             }
         }
-        if (!growth.empty()) std::fprintf(out, "GetFCoEAll time, twice the local ports:\n%s", growth.c_str());
+        if (!growth.empty())
+            std::fprintf(out, "GetFCoEAll time against the wide shape before it (twice the local ports):\n%s",
+                         growth.c_str());
     }
 
 private:
@@ -378,6 +402,7 @@ private:
         double cpu_ms = 0;
         double opened = 0;
     };
+    static double ratio(double a, double b) { return b > 0 ? a / b : 0.0; }
     const Measured* find(const std::string& name) const {
         const auto it = measured_.find(name);
         return it == measured_.end() ? nullptr : &it->second;

@@ -12,11 +12,18 @@
 // affords (the benchmark itself runs them at full size); and generated
 // shapes with holes in the tree (missing size, vendor and port_name files,
 // directories that cannot be opened or files that cannot be read, empty and
-// duplicated port names, extra attributes ending in "port_name", LUNs
-// without a vendor file or a block link), from a fixed list of seeds.
+// duplicated port names, extra attributes ending in "port_name", directories
+// that fail to close, LUNs without a vendor file or a block link), from a
+// fixed list of seeds.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <set>
 
 #include <algorithm>
 #include <cstdio>
@@ -37,6 +44,28 @@
 #include "sim/fabric.h"
 #include "sim/scale_fabric.h"
 #include "sim_env.h"
+
+// ---- closedir that fails for chosen directories ----
+//
+// Defined in the test program, it takes the place of the system's for the
+// plug-in's code built into it. A directory whose inode is in the set is
+// really closed and then reported as not closed.
+namespace {
+std::set<ino_t> g_fail_close;
+}  // namespace
+
+extern "C" int closedir(DIR* dir) {
+    using Fn = int (*)(DIR*);
+    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "closedir"));
+    struct stat st {};
+    const bool fail = !g_fail_close.empty() && fstat(dirfd(dir), &st) == 0 && g_fail_close.count(st.st_ino) != 0;
+    const int rc = real(dir);
+    if (fail) {
+        errno = EBADF;
+        return -1;
+    }
+    return rc;
+}
 
 namespace {
 
@@ -222,6 +251,7 @@ std::string requests(const sim::Fabric& f) {
 class SysfsViewDiff : public testenv::SimTest {
 protected:
     void TearDown() override {
+        g_fail_close.clear();
         mv::host::set_view_enabled_for_tests(true);
         SimTest::TearDown();
     }
@@ -306,7 +336,7 @@ public:
 
     // Holes made in the written tree.
     void punch(const fs::path& root) {
-        std::vector<fs::path> port_names, vendors, sizes, hosts, rports, targets, luns;
+        std::vector<fs::path> remote_names, host_names, vendors, sizes, hosts, rports, targets, luns;
         for (auto it = fs::recursive_directory_iterator(root / "sys/class/fc_host"); it != fs::end(it); ++it) {
             const fs::path& p = it->path();
             const std::string name = p.filename().string();
@@ -316,7 +346,8 @@ public:
                 else if (name.rfind("target", 0) == 0) targets.push_back(p);
                 else if (std::count(name.begin(), name.end(), ':') == 3) luns.push_back(p);
             } else if (name == "port_name") {
-                port_names.push_back(p);
+                // As many holes at the hosts as at the remote ports.
+                (p.parent_path().filename().string().rfind("host", 0) == 0 ? host_names : remote_names).push_back(p);
             } else if (name == "vendor") {
                 vendors.push_back(p);
             } else if (name == "size") {
@@ -325,7 +356,8 @@ public:
         }
         const int holes = static_cast<int>(between(1, 6));
         for (int i = 0; i < holes; ++i) {
-            switch (between(0, 10)) {
+            std::vector<fs::path>& port_names = chance(50) || remote_names.empty() ? host_names : remote_names;
+            switch (between(0, 12)) {
             case 0:  // a missing port_name (host or remote port)
                 if (!port_names.empty()) fs::remove(pick(port_names), ec_);
                 break;
@@ -336,8 +368,9 @@ public:
                 if (!sizes.empty()) fs::remove(pick(sizes), ec_);
                 break;
             case 3:  // a duplicated WWN: one port_name copied over another
-                if (port_names.size() > 1) fs::copy_file(pick(port_names), pick(port_names),
-                                                         fs::copy_options::overwrite_existing, ec_);
+                if (port_names.size() > 1)
+                    fs::copy_file(pick(port_names), pick(port_names), fs::copy_options::overwrite_existing,
+                                  ec_);
                 break;
             case 4:  // an empty port_name
                 if (!port_names.empty()) std::ofstream(pick(port_names), std::ios::trunc);
@@ -368,6 +401,19 @@ public:
             case 10:  // a host directory that cannot be opened
                 replace_with_file(hosts);
                 break;
+            case 12:  // a port_name listed but not there (a dangling link)
+                if (!port_names.empty()) {
+                    const fs::path p = pick(port_names);
+                    fs::remove(p, ec_);
+                    fs::create_symlink("gone", p, ec_);
+                }
+                break;
+            case 11: {  // a directory that cannot be closed
+                std::vector<fs::path>& dirs = chance(30) ? hosts : chance(50) ? targets : luns;
+                struct stat st {};
+                if (!dirs.empty() && stat(pick(dirs).c_str(), &st) == 0) g_fail_close.insert(st.st_ino);
+                break;
+            }
             }
         }
     }
@@ -387,6 +433,7 @@ private:
 TEST_F(SysfsViewDiff, GeneratedShapesWithHoles) {
     for (unsigned seed : {1u, 2u, 3u, 5u, 8u, 13u, 21u, 34u, 55u, 89u, 144u, 233u}) {
         SCOPED_TRACE("seed " + std::to_string(seed));
+        g_fail_close.clear();
         Holes holes(seed);
         const sim::Fabric f = holes.fabric();
         Load(f);
