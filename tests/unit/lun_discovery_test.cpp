@@ -1,6 +1,5 @@
 // LUN discovery through the simulated host's sysfs tree.
 #include <dirent.h>
-#include <dlfcn.h>
 #include <limits.h>
 #include <unistd.h>
 
@@ -13,43 +12,32 @@
 #include <string>
 #include <vector>
 
+#include "close_fault.h"
 #include "mirvak/host_view.h"
 #include "sim_env.h"
 
 // ---- closedir that can be made to fail ----
 //
-// Defined in the test program, it interposes for the plug-in the way the
-// path redirector does. While a suffix is set, closing a directory whose
-// path ends in it really closes it and then reports a failure.
+// While a suffix is set, closing a directory whose path ends in it really
+// closes it and then reports a failure (see close_fault.h).
 namespace {
 const char* g_fail_close_suffix = nullptr;
 
 bool ends_with(const std::string& s, const std::string& tail) {
     return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
 }
-}  // namespace
 
-extern "C" int closedir(DIR* dir) {
-    using Fn = int (*)(DIR*);
-    static Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "closedir"));
-    bool fail = false;
-    if (g_fail_close_suffix != nullptr) {
-        char link[64];
-        char target[PATH_MAX];
-        std::snprintf(link, sizeof link, "/proc/self/fd/%d", dirfd(dir));
-        const ssize_t n = readlink(link, target, sizeof target - 1);
-        if (n > 0) {
-            target[n] = '\0';
-            fail = ends_with(target, g_fail_close_suffix);
-        }
-    }
-    const int rc = real(dir);
-    if (fail) {
-        errno = EBADF;
-        return -1;
-    }
-    return rc;
+bool path_ends_in_suffix(DIR* dir) {
+    if (g_fail_close_suffix == nullptr) return false;
+    char link[64];
+    char target[PATH_MAX];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", dirfd(dir));
+    const ssize_t n = readlink(link, target, sizeof target - 1);
+    if (n <= 0) return false;
+    target[n] = '\0';
+    return ends_with(target, g_fail_close_suffix);
 }
+}  // namespace
 
 namespace {
 
@@ -85,7 +73,12 @@ std::string Btl(const std::string& name) { return "BTL info Bus:port:target:lun 
 
 class LunDiscovery : public testenv::SimTest {
 protected:
+    void SetUp() override {
+        SimTest::SetUp();
+        testenv::FailCloseWhen(path_ends_in_suffix);
+    }
     void TearDown() override {
+        testenv::FailCloseWhen(nullptr);
         g_fail_close_suffix = nullptr;
         SimTest::TearDown();
     }
