@@ -159,33 +159,30 @@ SysfsRequest::~SysfsRequest() {
     }
 }
 
-const FileBytes* view_file(const char* path) {
+namespace {
+
+// The open view's answer (View::*ask)(path), or null when no view is open or
+// the answer could not be kept.
+template <class T>
+const T* ask_view(const T& (View::*ask)(const char*), const char* path) {
     if (g_view == nullptr || path == nullptr) return nullptr;
     try {
-        return &g_view->file(path);
+        return &(g_view->*ask)(path);
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
 }
 
-const Listing* view_listing(const char* path) {
-    if (g_view == nullptr || path == nullptr) return nullptr;
-    try {
-        return &g_view->listing(path);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
+}  // namespace
+
+const FileBytes* view_file(const char* path) { return ask_view(&View::file, path); }
+
+const Listing* view_listing(const char* path) { return ask_view(&View::listing, path); }
 
 int access_exists(const char* path) {
-    if (g_view != nullptr && path != nullptr) {
-        try {
-            const AccessAnswer& a = g_view->access_answer(path);
-            errno = a.err;
-            return a.result;
-        } catch (const std::bad_alloc&) {
-            // not kept: asked of the kernel below
-        }
+    if (const AccessAnswer* a = ask_view(&View::access_answer, path)) {
+        errno = a->err;
+        return a->result;
     }
     return access(path, F_OK);
 }
