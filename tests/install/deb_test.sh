@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# The Debian packages scripts/package.sh built (in build-deb/):
+#   deb_test.sh contents DEB_DIR VERSION EXPECTED_CONTENTS README
+#       each package holds exactly the files listed for it;
+#   deb_test.sh lintian DEB_DIR VERSION EXPECTED_CONTENTS README
+#       lintian reports no error, and every warning it gives is one the
+#       README lists with its reason.
+# Without the packages the test is skipped (status 77), unless
+# MIRVAK_REQUIRE_DEBS=1, when that is a failure.
+set -euo pipefail
+check=$1 dir=$2 version=$3 expected=$4 readme=$5
+packages=(mirvak-hba mirvak-hba-dev mirvak-hba-tools mirvak-hba-sim)
+arch=$(dpkg --print-architecture)
+
+debs=()
+for p in "${packages[@]}"; do
+  f=$dir/${p}_${version}_${arch}.deb
+  if [ ! -f "$f" ]; then
+    if [ "${MIRVAK_REQUIRE_DEBS:-0}" = 1 ]; then
+      echo "FAIL $f is missing: scripts/package.sh builds it"
+      exit 1
+    fi
+    echo "skipped: $f is missing (scripts/package.sh builds it; MIRVAK_REQUIRE_DEBS=1 makes this a failure)"
+    exit 77
+  fi
+  debs+=("$f")
+done
+
+case $check in
+contents)
+  # "package: mode owner path[ -> target]" for every entry, sorted.
+  actual=$(for p in "${packages[@]}"; do
+    dpkg-deb -c "$dir/${p}_${version}_${arch}.deb" |
+      awk -v p="$p" '{ path = $6; for (i = 7; i <= NF; i++) path = path " " $i; sub(/^\./, "", path);
+                       print p ": " $1 " " $2 " " path }'
+  done | sort)
+  want=$(sed "/^#/d; /^$/d; s/@ARCH@/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/g" "$expected" | sort)
+  if [ "$actual" != "$want" ]; then
+    echo "FAIL package contents differ from $expected (< expected, > built):"
+    diff <(echo "$want") <(echo "$actual") || true
+    exit 1
+  fi
+  echo "ok   $(echo "$actual" | wc -l) entries in ${#packages[@]} packages as expected"
+  ;;
+lintian)
+  out=$(lintian --fail-on none --no-tag-display-limit "${debs[@]}" 2>&1)
+  echo "$out"
+  failed=0
+  if grep -q '^E: ' <<<"$out"; then
+    echo "FAIL lintian reports errors"
+    failed=1
+  fi
+  # Warnings the README does not explain.
+  while read -r tag; do
+    if ! grep -qF "\`$tag\`" "$readme"; then
+      echo "FAIL lintian warning $tag is not listed in $readme"
+      failed=1
+    fi
+  done < <(sed -n 's/^W: [^ ]*: \([^ ]*\).*/\1/p' <<<"$out" | sort -u)
+  [ "$failed" -eq 0 ] || exit 1
+  ;;
+*)
+  echo "unknown check $check"
+  exit 2
+  ;;
+esac
+echo "1 passed, 0 failed"
