@@ -210,6 +210,7 @@ TEST_F(Register, FollowsASymbolicLinkAndKeepsIt) {
 
 // Files the front library could not read as its configuration.
 struct Unparsable {
+    const char* name;
     const char* text;
     const char* message;
 };
@@ -232,11 +233,12 @@ TEST_P(RegisterRefuses, AndWritesNothing) {
 }
 
 const Unparsable kUnparsable[] = {
-    {"# ok\ncom.other /usr/lib/libother.so\ncom.mirvak.fcoe /usr/lib/a.so extra\n",
+    {"ThreeFields", "# ok\ncom.other /usr/lib/libother.so\ncom.mirvak.fcoe /usr/lib/a.so extra\n",
      "line 3: expected a library name and its path, found 3 fields"},
-    {"com.other\n", "line 1: expected a library name and its path, found 1 field"},
+    {"OneField", "com.other\n", "line 1: expected a library name and its path, found 1 field"},
 };
-INSTANTIATE_TEST_SUITE_P(Files, RegisterRefuses, ::testing::ValuesIn(kUnparsable));
+INSTANTIATE_TEST_SUITE_P(Files, RegisterRefuses, ::testing::ValuesIn(kUnparsable),
+                         [](const ::testing::TestParamInfo<Unparsable>& info) { return info.param.name; });
 
 TEST_F(Register, RefusesANulByte) {
     const std::string text("# ok\ncom.other /usr/lib/lib\0other.so\n", 35);
