@@ -41,9 +41,19 @@ contents)
     exit 1
   fi
   echo "ok   $(echo "$actual" | wc -l) entries in ${#packages[@]} packages as expected"
+  # The runtime package registers the plug-in when configured, unregisters
+  # it when removed, and depends on no package for the maker's library.
+  runtime=$dir/mirvak-hba_${version}_${arch}.deb
+  failed=0
+  grep -q '^ *mirvak-hba-register add' <(dpkg-deb -I "$runtime" postinst) || { echo "FAIL postinst does not register"; failed=1; }
+  grep -q '^ *mirvak-hba-register remove' <(dpkg-deb -I "$runtime" prerm) || { echo "FAIL prerm does not unregister"; failed=1; }
+  grep -qx 'activate-noawait ldconfig' <(dpkg-deb -I "$runtime" triggers) || { echo "FAIL no ldconfig trigger"; failed=1; }
+  if dpkg-deb -f "$runtime" Depends | grep -qi tuskstor; then echo "FAIL mirvak-hba depends on a driver package"; failed=1; fi
+  [ "$failed" -eq 0 ] || exit 1
+  echo "ok   maintainer scripts register and unregister; no package dependency for libtuskstor.so"
   ;;
 lintian)
-  out=$(lintian --fail-on none --no-tag-display-limit "${debs[@]}" 2>&1)
+  out=$(lintian --fail-on none --tag-display-limit 0 "${debs[@]}" 2>&1)
   echo "$out"
   failed=0
   if grep -q '^E: ' <<<"$out"; then
