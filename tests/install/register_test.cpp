@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <ostream>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -214,6 +215,8 @@ struct Unparsable {
     const char* text;
     const char* message;
 };
+
+void PrintTo(const Unparsable& u, std::ostream* os) { *os << u.name; }
 
 class RegisterRefuses : public Register, public ::testing::WithParamInterface<Unparsable> {};
 
