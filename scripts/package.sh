@@ -9,7 +9,7 @@
 # Install them with: sudo apt install ./build-deb/*.deb
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh debhelper dpkg-dev lintian help2man
+scripts/install-deps.sh build-essential debhelper dpkg-dev lintian help2man
 
 version=$(sed -n 's/^project(mirvak_hba VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
 out=$PWD/build-deb

@@ -4,7 +4,12 @@
 #       each package holds exactly the files listed for it;
 #   deb_test.sh lintian DEB_DIR VERSION EXPECTED_CONTENTS README
 #       lintian reports no error, and every warning it gives is one the
-#       README lists with its reason.
+#       README lists with its reason;
+#   deb_test.sh run DEB_DIR VERSION EXPECTED_CONTENTS README
+#       the packages unpacked together (into a temporary folder, never onto
+#       this machine) work: the packaged mirvak-simhost runs the packaged
+#       mirvak-hba on the packaged plug-in, and mirvak-hba-register names
+#       the plug-in where the package puts it.
 # Without the packages the test is skipped (status 77), unless
 # MIRVAK_REQUIRE_DEBS=1, when that is a failure.
 set -euo pipefail
@@ -67,6 +72,39 @@ lintian)
       failed=1
     fi
   done < <(sed -n 's/^W: [^ ]*: \([^ ]*\).*/\1/p' <<<"$out" | sort -u)
+  [ "$failed" -eq 0 ] || exit 1
+  ;;
+run)
+  root=$(mktemp -d)
+  trap 'rm -rf "$root"' EXIT
+  for f in "${debs[@]}"; do dpkg-deb -x "$f" "$root"; done
+  libdir=/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+  failed=0
+  unset MIRVAK_SIM_ROOT MIRVAK_SIM_FABRIC LD_PRELOAD
+  out=$(LD_LIBRARY_PATH="$root$libdir" "$root/usr/bin/mirvak-simhost" run -- "$root/usr/bin/mirvak-hba" --quiet adapters)
+  if grep -qx 'Adapter 0: /dev/tuskstor1' <<<"$out" && grep -qx 'Adapter 1: /dev/tuskstor4' <<<"$out"; then
+    echo "ok   packaged mirvak-hba on the packaged simulated host lists the default fabric's adapters"
+  else
+    echo "$out"
+    echo "FAIL packaged mirvak-hba on the packaged simulated host"
+    failed=1
+  fi
+  conf=$("$root/usr/bin/mirvak-simhost" run -- sh -c 'cat "$MIRVAK_SIM_ROOT/etc/hba.conf"')
+  if grep -qxF "com.mirvak.fcoe	$root$libdir/libmirvakhbaapi.so" <<<"$conf"; then
+    echo "ok   the packaged simulated host registers the packaged plug-in"
+  else
+    echo "$conf"
+    echo "FAIL the packaged simulated host does not register the packaged plug-in"
+    failed=1
+  fi
+  "$root/usr/sbin/mirvak-hba-register" add --conf "$root/hba.conf" >/dev/null
+  if [ "$(cat "$root/hba.conf")" = "com.mirvak.fcoe	$libdir/libmirvakhbaapi.so" ]; then
+    echo "ok   mirvak-hba-register registers $libdir/libmirvakhbaapi.so"
+  else
+    cat "$root/hba.conf"
+    echo "FAIL mirvak-hba-register does not register the packaged plug-in's path"
+    failed=1
+  fi
   [ "$failed" -eq 0 ] || exit 1
   ;;
 *)
