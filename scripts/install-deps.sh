@@ -10,6 +10,8 @@ packages=(
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
 )
+# Further packages a caller needs (scripts/package.sh: the packaging tools).
+packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -7,6 +7,9 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
 scripts/build.sh
+# The Debian packages, which the suite's package tests read from build-deb/.
+scripts/package.sh
+export MIRVAK_REQUIRE_DEBS=1
 (cd build && ctest --output-on-failure -j"$(nproc)")
 
 if [ "${1:-}" != "--quick" ]; then

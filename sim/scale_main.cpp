@@ -20,6 +20,7 @@
 int main(int argc, char** argv) {
     CLI::App app{"Print a fabric description of a simulated system of the given size."};
     app.name("mirvak-simscale");
+    app.set_version_flag("--version", std::string("mirvak-simscale ") + MIRVAK_VERSION, "Print the version and exit");
     sim::ScaleParams p;
     bool compact = false;
     app.add_option("--adapters", p.adapters, "Adapters (instances 0, 1, ...; at most 32)")->capture_default_str();

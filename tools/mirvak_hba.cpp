@@ -198,6 +198,7 @@ int main(int argc, char** argv) {
     Cli cli;
     CLI::App& app = cli.app;
     app.name("mirvak-hba");
+    app.set_version_flag("--version", std::string("mirvak-hba ") + MIRVAK_VERSION, "Print the version and exit");
     app.add_flag("--json", cli.as_json, "Print JSON instead of text");
     app.add_flag("-q,--quiet", cli.quiet, "Drop the library's own diagnostic lines");
     app.require_subcommand(0, 1);

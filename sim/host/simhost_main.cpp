@@ -14,7 +14,13 @@
 //
 // Without --fabric the built-in default fabric is used. Without --plugin the
 // plug-in built beside this program (../lib/libmirvakhbaapi.so or
-// ./libmirvakhbaapi.so) is registered in hba.conf when it exists.
+// ./libmirvakhbaapi.so) or installed with it (the library folder above the
+// simulator's own) is registered in hba.conf when it exists.
+//
+// The command runs with the folder of the simulated driver library
+// (libtuskstor.so, found beside this program like the redirector) first on
+// LD_LIBRARY_PATH: an installed plug-in has no run path and would otherwise
+// look for the maker's library.
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -45,6 +51,7 @@ constexpr const char* kProgram = "mirvak-simhost";
 constexpr const char* kFabricEnv = "MIRVAK_SIM_FABRIC";
 constexpr const char* kPreloadLibrary = "libmirvaksimhost.so";
 constexpr const char* kPluginLibrary = "libmirvakhbaapi.so";
+constexpr const char* kDriverLibrary = "libtuskstor.so";
 constexpr int kOwnFailure = 125;
 
 struct Options {
@@ -60,13 +67,14 @@ sim::Fabric load_fabric(const std::string& file) {
 }
 
 // A library built beside this program: ../lib/NAME or ./NAME relative to
-// the executable. Empty when there is none.
+// the executable, or installed with it (the library folder, from the
+// simulator's folder). Empty when there is none.
 std::string beside_program(const char* name) {
     std::error_code ec;
     const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
     if (ec) return {};
     const fs::path dir = exe.parent_path();
-    for (const fs::path& candidate : {dir / ".." / "lib" / name, dir / name})
+    for (const fs::path& candidate : {dir / ".." / "lib" / name, dir / name, dir / MIRVAK_SIM_TO_LIBDIR / name})
         if (fs::is_regular_file(candidate, ec)) return candidate.lexically_normal().string();
     return {};
 }
@@ -125,6 +133,12 @@ void set_env(const char* name, const std::string& value) {
         throw std::runtime_error(std::string("cannot set ") + name + ": " + std::strerror(errno));
 }
 
+// Puts value first in a colon-separated list variable.
+void prepend_env(const char* name, const std::string& value) {
+    const char* old = std::getenv(name);
+    set_env(name, old != nullptr && old[0] != '\0' ? value + ":" + old : value);
+}
+
 int gen(const Options& o) {
     const sim::Fabric fabric = load_fabric(o.fabric);
     sim::generate_host(fabric, o.root, host_options(o));
@@ -154,10 +168,9 @@ int run(const Options& o) {
     } else {
         set_env(kFabricEnv, fs::absolute(o.fabric).lexically_normal().string());
     }
-    const char* old_preload = std::getenv("LD_PRELOAD");
-    set_env("LD_PRELOAD", old_preload != nullptr && old_preload[0] != '\0'
-                              ? preload + ":" + old_preload
-                              : preload);
+    const std::string driver = beside_program(kDriverLibrary);
+    if (!driver.empty()) prepend_env("LD_LIBRARY_PATH", fs::path(driver).parent_path().string());
+    prepend_env("LD_PRELOAD", preload);
     return run_command(o.command);
 }
 
@@ -167,6 +180,7 @@ int main(int argc, char** argv) {
     CLI::App app{"The simulated host of the mirvak FCoE plug-in: writes the sysfs tree and\n"
                  "hba.conf that a fabric description implies, or runs a command on it."};
     app.name(kProgram);
+    app.set_version_flag("--version", std::string(kProgram) + " " + MIRVAK_VERSION, "Print the version and exit");
     app.require_subcommand(1);
     Options o;
 

@@ -1,0 +1,306 @@
+// mirvak-hba-register as administrators and the package's maintainer
+// scripts run it, against files of the test's own: the exact bytes it
+// writes, what it leaves alone, its messages and its exit status.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kPlugin = "/usr/lib/x86_64-linux-gnu/libmirvakhbaapi.so";
+const std::string kLine = "com.mirvak.fcoe\t" + kPlugin + "\n";
+// The front library's configuration with its comments, a setting and other
+// vendors' plug-ins.
+const std::string kHostConf =
+    "# \n"
+    "# This file contains names and references to HBA libraries\n"
+    "#\n"
+    "# <library name>  <library pathname>\n"
+    "\n"
+    "   # an indented comment\n"
+    "com.other.vendor  /usr/lib/libother.so\n"
+    "\t\n"
+    "debuglevel 1\n"
+    "org.third\t/opt/third/lib/libthird.so   \n"
+    "\n";
+constexpr uid_t kNobody = 65534;
+
+struct Result {
+    int status = -1;
+    std::string out, err;
+};
+
+std::string slurp(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void spit(const fs::path& p, const std::string& bytes) { std::ofstream(p, std::ios::binary) << bytes; }
+
+std::string quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+class Register : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "mirvak-register-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+        fs::permissions(dir_, fs::perms(0755));
+        conf_ = dir_ / "etc" / "hba.conf";
+        fs::create_directories(conf_.parent_path());
+        fs::permissions(conf_.parent_path(), fs::perms(0755));
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::permissions(conf_.parent_path(), fs::perms(0755), ec);
+        fs::remove_all(dir_, ec);
+    }
+    // mirvak-hba-register ARGS (as another user when prefix says so).
+    Result Run(const std::vector<std::string>& args, const std::string& prefix = "") {
+        std::string command = prefix + MIRVAK_REGISTER_PROGRAM;
+        for (const std::string& a : args) command += " " + quote(a);
+        command += " >" + quote((dir_ / "out").string()) + " 2>" + quote((dir_ / "err").string());
+        Result r;
+        const int raw = std::system(command.c_str());
+        r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+        r.out = slurp(dir_ / "out");
+        r.err = slurp(dir_ / "err");
+        return r;
+    }
+    Result Do(const std::string& action, const std::string& prefix = "") {
+        std::vector<std::string> args{action, "--conf", conf_.string()};
+        if (action != "remove") args.insert(args.end(), {"--plugin", kPlugin});
+        return Run(args, prefix);
+    }
+    // Nothing but the file itself in its folder: no temporary file left.
+    std::vector<std::string> FolderEntries() const {
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(conf_.parent_path())) names.push_back(e.path().filename());
+        return names;
+    }
+    ino_t Inode() const {
+        struct stat st {};
+        return stat(conf_.c_str(), &st) == 0 ? st.st_ino : 0;
+    }
+    fs::path dir_, conf_;
+};
+
+TEST_F(Register, AddCreatesAMissingFileWithTheOneLine) {
+    const Result r = Do("add");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(slurp(conf_), kLine);
+    EXPECT_EQ(fs::status(conf_).permissions(), fs::perms(0644));
+    EXPECT_EQ(r.out, "registered com.mirvak.fcoe in " + conf_.string() + ": " + kPlugin + "\n");
+}
+
+TEST_F(Register, AddAppendsAfterEveryOtherLineByteForByte) {
+    spit(conf_, kHostConf);
+    ASSERT_EQ(Do("add").status, 0);
+    EXPECT_EQ(slurp(conf_), kHostConf + kLine);
+    EXPECT_EQ(FolderEntries(), std::vector<std::string>{"hba.conf"});
+}
+
+TEST_F(Register, AddTwiceWritesNothingTheSecondTime) {
+    spit(conf_, kHostConf);
+    ASSERT_EQ(Do("add").status, 0);
+    const ino_t first = Inode();
+    const Result again = Do("add");
+    EXPECT_EQ(again.status, 0);
+    EXPECT_EQ(again.out, "com.mirvak.fcoe is already registered in " + conf_.string() + ": " + kPlugin + "\n");
+    EXPECT_EQ(slurp(conf_), kHostConf + kLine);
+    EXPECT_EQ(Inode(), first);  // not even rewritten
+}
+
+TEST_F(Register, AddEndsAnUnfinishedLastLineFirst) {
+    spit(conf_, "com.other.vendor /usr/lib/libother.so");
+    ASSERT_EQ(Do("add").status, 0);
+    EXPECT_EQ(slurp(conf_), "com.other.vendor /usr/lib/libother.so\n" + kLine);
+}
+
+TEST_F(Register, AddRewritesALineWithAnotherPathWhereItStands) {
+    spit(conf_, "# head\ncom.mirvak.fcoe   /opt/old/libmirvakhbaapi.so\ncom.other.vendor /usr/lib/libother.so\n");
+    const Result r = Do("add");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(slurp(conf_), "# head\n" + kLine + "com.other.vendor /usr/lib/libother.so\n");
+    EXPECT_EQ(r.out, "registered com.mirvak.fcoe in " + conf_.string() + ": " + kPlugin +
+                         " (was /opt/old/libmirvakhbaapi.so)\n");
+}
+
+TEST_F(Register, AddKeepsOneLineWhenThePluginWasListedTwice) {
+    spit(conf_, kLine + "# between\ncom.mirvak.fcoe /opt/old/libmirvakhbaapi.so\n");
+    ASSERT_EQ(Do("add").status, 0);
+    EXPECT_EQ(slurp(conf_), kLine + "# between\n");
+}
+
+TEST_F(Register, RemoveDropsOnlyThePluginsLine) {
+    spit(conf_, kHostConf);
+    ASSERT_EQ(Do("add").status, 0);
+    const Result r = Do("remove");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "removed com.mirvak.fcoe from " + conf_.string() + "\n");
+    EXPECT_EQ(slurp(conf_), kHostConf);
+}
+
+TEST_F(Register, RemoveWithoutTheLineWritesNothing) {
+    spit(conf_, kHostConf);
+    const ino_t before = Inode();
+    const Result r = Do("remove");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "com.mirvak.fcoe is not registered in " + conf_.string() + "; nothing to do\n");
+    EXPECT_EQ(Inode(), before);
+    EXPECT_EQ(slurp(conf_), kHostConf);
+}
+
+TEST_F(Register, RemoveWithoutAFileCreatesNone) {
+    EXPECT_EQ(Do("remove").status, 0);
+    EXPECT_FALSE(fs::exists(conf_));
+}
+
+TEST_F(Register, StatusTellsWhetherAndWhere) {
+    spit(conf_, kHostConf);
+    Result r = Do("status");
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.out, "com.mirvak.fcoe is not registered in " + conf_.string() + "\n");
+    ASSERT_EQ(Do("add").status, 0);
+    r = Do("status");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "com.mirvak.fcoe is registered in " + conf_.string() + ": " + kPlugin + "\n");
+    r = Run({"status", "--conf", conf_.string(), "--plugin", "/opt/other/libmirvakhbaapi.so"});
+    EXPECT_EQ(r.status, 3);
+}
+
+TEST_F(Register, KeepsTheFilesModeAndOwner) {
+    spit(conf_, kHostConf);
+    fs::permissions(conf_, fs::perms(0640));
+    if (geteuid() == 0) ASSERT_EQ(chown(conf_.c_str(), kNobody, kNobody), 0);
+    struct stat before {};
+    ASSERT_EQ(stat(conf_.c_str(), &before), 0);
+    ASSERT_EQ(Do("add").status, 0);
+    struct stat after {};
+    ASSERT_EQ(stat(conf_.c_str(), &after), 0);
+    EXPECT_NE(after.st_ino, before.st_ino);  // a new file, renamed over the old one
+    EXPECT_EQ(after.st_mode & 07777, 0640u);
+    EXPECT_EQ(after.st_uid, before.st_uid);
+    EXPECT_EQ(after.st_gid, before.st_gid);
+}
+
+TEST_F(Register, FollowsASymbolicLinkAndKeepsIt) {
+    const fs::path real = dir_ / "real.conf";
+    spit(real, kHostConf);
+    fs::create_symlink(real, conf_);
+    ASSERT_EQ(Do("add").status, 0);
+    EXPECT_TRUE(fs::is_symlink(conf_));
+    EXPECT_EQ(slurp(real), kHostConf + kLine);
+}
+
+// Files the front library could not read as its configuration.
+struct Unparsable {
+    const char* name;
+    const char* text;
+    const char* message;
+};
+
+void PrintTo(const Unparsable& u, std::ostream* os) { *os << u.name; }
+
+class RegisterRefuses : public Register, public ::testing::WithParamInterface<Unparsable> {};
+
+TEST_P(RegisterRefuses, AndWritesNothing) {
+    const std::string text = GetParam().text;
+    spit(conf_, text);
+    for (const char* action : {"add", "remove", "status"}) {
+        const Result r = Do(action);
+        EXPECT_EQ(r.status, 1) << action;
+        EXPECT_EQ(r.out, "") << action;
+        EXPECT_EQ(r.err, "mirvak-hba-register: " + conf_.string() + " " + GetParam().message +
+                             "; it is not in the front library's format, nothing was written\n")
+            << action;
+        EXPECT_EQ(slurp(conf_), text) << action;
+        EXPECT_EQ(FolderEntries(), std::vector<std::string>{"hba.conf"}) << action;
+    }
+}
+
+const Unparsable kUnparsable[] = {
+    {"ThreeFields", "# ok\ncom.other /usr/lib/libother.so\ncom.mirvak.fcoe /usr/lib/a.so extra\n",
+     "line 3: expected a library name and its path, found 3 fields"},
+    {"OneField", "com.other\n", "line 1: expected a library name and its path, found 1 field"},
+};
+INSTANTIATE_TEST_SUITE_P(Files, RegisterRefuses, ::testing::ValuesIn(kUnparsable),
+                         [](const ::testing::TestParamInfo<Unparsable>& info) { return info.param.name; });
+
+TEST_F(Register, RefusesANulByte) {
+    const std::string text("# ok\ncom.other /usr/lib/lib\0other.so\n", 35);
+    spit(conf_, text);
+    const Result r = Do("add");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "mirvak-hba-register: " + conf_.string() +
+                         " line 2: holds a NUL byte; it is not in the front library's format, nothing was written\n");
+    EXPECT_EQ(slurp(conf_), text);
+}
+
+TEST_F(Register, RefusesAFolderForAFile) {
+    fs::create_directory(conf_);
+    const Result r = Do("add");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "mirvak-hba-register: cannot read " + conf_.string() + ": Is a directory; nothing was written\n");
+    EXPECT_TRUE(fs::is_directory(conf_));
+}
+
+// Root reads and writes anything: the permission cases run as nobody.
+std::string AsUnprivileged() {
+    return geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+}
+
+TEST_F(Register, AnUnreadableFileIsLeftAlone) {
+    spit(conf_, kHostConf);
+    fs::permissions(conf_, fs::perms(0200));
+    const Result r = Do("add", AsUnprivileged());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "mirvak-hba-register: cannot open " + conf_.string() + ": Permission denied; nothing was written\n");
+    fs::permissions(conf_, fs::perms(0644));
+    EXPECT_EQ(slurp(conf_), kHostConf);
+}
+
+TEST_F(Register, AReadOnlyFolderIsLeftAlone) {
+    spit(conf_, kHostConf);
+    fs::permissions(conf_, fs::perms(0666));
+    if (geteuid() != 0) fs::permissions(conf_.parent_path(), fs::perms(0555));
+    const Result r = Do("add", AsUnprivileged());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "mirvak-hba-register: cannot create a new file in " + conf_.parent_path().string() +
+                         ": Permission denied; nothing was written\n");
+    EXPECT_EQ(slurp(conf_), kHostConf);
+    EXPECT_EQ(FolderEntries(), std::vector<std::string>{"hba.conf"});
+}
+
+TEST_F(Register, RefusesAPluginPathTheFrontLibraryCannotRead) {
+    spit(conf_, kHostConf);
+    for (const char* path : {"libmirvakhbaapi.so", "/opt/my lib/libmirvakhbaapi.so"}) {
+        const Result r = Run({"add", "--conf", conf_.string(), "--plugin", path});
+        EXPECT_EQ(r.status, 2) << path;
+        EXPECT_EQ(slurp(conf_), kHostConf) << path;
+    }
+}
+
+TEST_F(Register, ShowsTheProjectsVersion) {
+    const Result r = Run({"--version"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, std::string("mirvak-hba-register ") + MIRVAK_VERSION + "\n");
+}
+
+}  // namespace

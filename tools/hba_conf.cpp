@@ -1,0 +1,193 @@
+#include "hba_conf.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+namespace mv::hbaconf {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+// The blank-separated fields of a line (its line end removed).
+std::vector<std::string> fields(const std::string& body) {
+    std::vector<std::string> out;
+    std::size_t i = 0;
+    while (i < body.size()) {
+        while (i < body.size() && blank(body[i])) ++i;
+        const std::size_t start = i;
+        while (i < body.size() && !blank(body[i])) ++i;
+        if (i > start) out.push_back(body.substr(start, i - start));
+    }
+    return out;
+}
+
+std::string entry_line(const std::string& path) { return std::string(kPluginName) + "\t" + path; }
+
+std::runtime_error system_error(const std::string& what, const std::string& file, int err) {
+    return std::runtime_error(what + " " + file + ": " + std::strerror(err));
+}
+
+}  // namespace
+
+std::string Conf::text() const {
+    std::string out;
+    for (const Line& l : lines) out += l.bytes;
+    return out;
+}
+
+std::vector<std::string> Conf::registered() const {
+    std::vector<std::string> out;
+    for (const Line& l : lines)
+        if (l.name == kPluginName) out.push_back(l.path);
+    return out;
+}
+
+Conf parse(const std::string& text) {
+    Conf conf;
+    std::size_t pos = 0;
+    for (std::size_t number = 1; pos < text.size(); ++number) {
+        const std::size_t nl = text.find('\n', pos);
+        const std::size_t end = nl == std::string::npos ? text.size() : nl + 1;
+        Line line;
+        line.bytes = text.substr(pos, end - pos);
+        pos = end;
+        const std::string where = "line " + std::to_string(number) + ": ";
+        if (line.bytes.find('\0') != std::string::npos) throw ParseError(where + "holds a NUL byte");
+        const std::string body = line.bytes.substr(0, line.bytes.size() - (nl == std::string::npos ? 0 : 1));
+        const std::vector<std::string> f = fields(body);
+        if (f.empty() || f[0][0] == '#') {
+            conf.lines.push_back(std::move(line));
+            continue;
+        }
+        if (f.size() != 2)
+            throw ParseError(where + "expected a library name and its path, found " + std::to_string(f.size()) +
+                             (f.size() == 1 ? " field" : " fields"));
+        line.name = f[0];
+        line.path = f[1];
+        conf.lines.push_back(std::move(line));
+    }
+    return conf;
+}
+
+bool add(Conf& conf, const std::string& path) {
+    bool changed = false;
+    bool kept = false;
+    for (auto it = conf.lines.begin(); it != conf.lines.end();) {
+        if (it->name != kPluginName) {
+            ++it;
+            continue;
+        }
+        if (kept) {  // the front library would load the plug-in twice
+            it = conf.lines.erase(it);
+            changed = true;
+            continue;
+        }
+        kept = true;
+        if (it->path != path) {
+            const bool ended = !it->bytes.empty() && it->bytes.back() == '\n';
+            it->bytes = entry_line(path) + (ended ? "\n" : "");
+            it->path = path;
+            changed = true;
+        }
+        ++it;
+    }
+    if (kept) return changed;
+    if (!conf.lines.empty() && conf.lines.back().bytes.back() != '\n') conf.lines.back().bytes += '\n';
+    conf.lines.push_back(Line{entry_line(path) + "\n", kPluginName, path});
+    return true;
+}
+
+bool remove(Conf& conf) {
+    const std::size_t before = conf.lines.size();
+    conf.lines.erase(std::remove_if(conf.lines.begin(), conf.lines.end(),
+                                    [](const Line& l) { return l.name == kPluginName; }),
+                     conf.lines.end());
+    return conf.lines.size() != before;
+}
+
+std::string read_file(const std::string& file, bool* exists) {
+    *exists = false;
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT) return {};
+        throw system_error("cannot open", file, errno);
+    }
+    std::string text;
+    char buf[4096];
+    for (;;) {
+        const ssize_t n = read(fd, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            const int err = errno;
+            close(fd);
+            throw system_error("cannot read", file, err);
+        }
+        if (n == 0) break;
+        text.append(buf, static_cast<std::size_t>(n));
+        if (text.size() > kMaxFileBytes) {
+            close(fd);
+            throw std::runtime_error(file + " is larger than " + std::to_string(kMaxFileBytes) +
+                                     " bytes; it is not an hba.conf");
+        }
+    }
+    close(fd);
+    *exists = true;
+    return text;
+}
+
+void replace_file(const std::string& file, const std::string& bytes) {
+    std::error_code ec;
+    fs::path target = file;
+    if (fs::is_symlink(target, ec)) {
+        target = fs::canonical(target, ec);
+        if (ec) throw std::runtime_error("cannot follow the link " + file + ": " + ec.message());
+    }
+    struct stat old {};
+    const bool existed = stat(target.c_str(), &old) == 0;
+    if (!existed && errno != ENOENT) throw system_error("cannot look at", target.string(), errno);
+
+    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    std::string temp = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
+    const int fd = mkstemp(temp.data());
+    if (fd < 0) throw system_error("cannot create a new file in", folder.string(), errno);
+
+    int err = 0;
+    std::string failed;
+    std::size_t done = 0;
+    while (err == 0 && done < bytes.size()) {
+        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) err = errno, failed = "cannot write";
+        else done += static_cast<std::size_t>(n);
+    }
+    const mode_t mode = existed ? (old.st_mode & 07777) : 0644;
+    if (err == 0 && fchmod(fd, mode) != 0) err = errno, failed = "cannot set the mode of";
+    struct stat mine {};
+    if (err == 0 && existed && fstat(fd, &mine) == 0 && (mine.st_uid != old.st_uid || mine.st_gid != old.st_gid) &&
+        fchown(fd, old.st_uid, old.st_gid) != 0)
+        err = errno, failed = "cannot give the old owner to";
+    if (err == 0 && fsync(fd) != 0) err = errno, failed = "cannot write";
+    if (close(fd) != 0 && err == 0) err = errno, failed = "cannot write";
+    if (err == 0 && rename(temp.c_str(), target.c_str()) != 0) err = errno, failed = "cannot replace " + target.string() + " by";
+    if (err != 0) {
+        unlink(temp.c_str());
+        throw system_error(failed, temp, err);
+    }
+    // The rename itself reaches the disk with the folder.
+    const int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        fsync(dir);
+        close(dir);
+    }
+}
+
+}  // namespace mv::hbaconf
