@@ -206,7 +206,9 @@ private:
         if (!list) return FCOE_ERR_NO_MEMORY;
         port_info key = port_key(adapter, 0);
         unsigned int size = 0;
-        const int rc = note(facade_.GetAllPortsInfo(&key, list.get(), &size));
+        // Every port, each with its own standard attributes (state, speed,
+        // OS device name) read one by one.
+        const int rc = note(facade_.GetPortInfo(&key, list.get(), &size));
         if (rc != FCOE_OK) return rc;
         const std::size_t n = std::min<std::size_t>(size / sizeof(port_info), room);
         for (std::size_t i = 0; i < n; ++i) port(adapter, list.get()[i]);
@@ -268,7 +270,9 @@ private:
             add("mirvak_port_rx_words_total", labels, static_cast<double>(h.RxWords));
             local_counters("mirvak_port_driver_events_total", labels, s);
         }
-        if (a.NumberofDiscoveredPorts != 0) port_remotes(adapter, index, a.PortWWN.wwn, labels);
+        // Asked whatever the standard count says: it can read 0 for a port
+        // whose driver list holds a stale entry beside the live one.
+        port_remotes(adapter, index, a.PortWWN.wwn, labels);
         if (vports != 0 && p.lnode_flag == 0) virtual_ports(adapter, index, labels);
     }
 
@@ -330,10 +334,13 @@ private:
     }
 
     void port_remotes(const std::string& adapter, uint32_t port, const uint8_t* wwpn, const Labels& labels) {
-        // By the port's WWPN, the facade grows the block as the answer needs.
+        // By the port's WWPN the facade writes into the block given, taken
+        // to hold 256 KiB, and grows it with realloc when the answer needs
+        // more.
         port_info key = port_key(adapter, port);
         std::memcpy(key.attributes.PortWWN.wwn, wwpn, 8);
-        char* block = static_cast<char*>(std::malloc(sizeof(port_info)));
+        constexpr std::size_t kAgentBlock = 0x40000;
+        char* block = static_cast<char*>(std::malloc(kAgentBlock));
         if (block == nullptr) {
             note(FCOE_ERR_NO_MEMORY);
             return;
