@@ -107,10 +107,23 @@ Answer http_get(int port, const std::string& path, const std::string& extra_head
     }
     close(s);
     const std::size_t end = all.find("\r\n\r\n");
-    if (end == std::string::npos || all.compare(0, 9, "HTTP/1.1 ") != 0) return a;
+    if (end == std::string::npos || all.compare(0, 7, "HTTP/1.") != 0) return a;
     a.status = std::atoi(all.c_str() + 9);
     a.head = all.substr(0, end);
     a.body = all.substr(end + 4);
+    if (a.head.find("Transfer-Encoding: chunked") != std::string::npos) {
+        std::string body;
+        std::size_t at = 0;
+        for (int chunks = 0; chunks < 100000; ++chunks) {
+            const std::size_t nl = a.body.find("\r\n", at);
+            if (nl == std::string::npos) break;
+            const std::size_t n = std::strtoul(a.body.c_str() + at, nullptr, 16);
+            if (n == 0 || nl + 2 + n > a.body.size()) break;
+            body += a.body.substr(nl + 2, n);
+            at = nl + 2 + n + 2;
+        }
+        a.body = body;
+    }
     return a;
 }
 
@@ -554,6 +567,7 @@ TEST_F(ExporterTest, PrometheusScrapesTheExporterAndItsQueriesGiveTheFabric) {
     ASSERT_EQ(posix_spawnp(&pid, "prometheus", &fa, nullptr, args.data(), environ), 0);
     posix_spawn_file_actions_destroy(&fa);
 
+    std::string last_answer;
     auto query = [&](const std::string& promql) {
         std::string q;
         for (const unsigned char c : promql) {
@@ -562,6 +576,7 @@ TEST_F(ExporterTest, PrometheusScrapesTheExporterAndItsQueriesGiveTheFabric) {
             q += std::isalnum(c) ? std::string(1, static_cast<char>(c)) : std::string(esc);
         }
         const Answer a = http_get(prom_port, "/api/v1/query?query=" + q);
+        last_answer = std::to_string(a.status) + " " + a.body.substr(0, 300);
         nlohmann::json j = nlohmann::json::parse(a.body, nullptr, false);
         return j.is_object() && j.value("status", "") == "success" ? j["data"]["result"] : nlohmann::json::array();
     };
@@ -571,7 +586,7 @@ TEST_F(ExporterTest, PrometheusScrapesTheExporterAndItsQueriesGiveTheFabric) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         up = query("mirvak_lun_size_bytes");
     }
-    ASSERT_FALSE(up.empty()) << slurp(dir + "/prometheus.log");
+    ASSERT_FALSE(up.empty()) << last_answer << "\n" << slurp(dir + "/prometheus.log");
 
     // Every series the exporter gives for ports, virtual ports, remote ports
     // and LUNs, with its value.
