@@ -9,6 +9,7 @@
 #include <prometheus/text_serializer.h>
 
 #include "mirvak/mv_fcoe_ini.h"
+#include "hex_text.h"
 #include "port_names.h"
 
 namespace mv::exporter {
@@ -70,17 +71,6 @@ bool nothing_there(int code) {
 
 std::string text(const char* field, std::size_t size) { return std::string(field, strnlen(field, size)); }
 #define TEXT(f) text((f), sizeof(f))
-
-std::string hex_bytes(const uint8_t* b, std::size_t n, const char* sep) {
-    std::string out;
-    char buf[4];
-    for (std::size_t i = 0; i < n; ++i) {
-        if (i != 0) out += sep;
-        std::snprintf(buf, sizeof buf, "%02x", b[i]);
-        out += buf;
-    }
-    return out;
-}
 
 // "host3" out of "/sys/class/fc_host/host3"; "" when the port has none.
 std::string fc_host_of(const char* os_device_name, std::size_t size) {
@@ -227,8 +217,8 @@ private:
         labels.push_back({"fabric_name", wwn_label(a.FabricName.wwn)});
         labels.push_back({"fcf_index", std::to_string(static_cast<uint32_t>(p.fcf_index))});
         labels.push_back({"vlan", std::to_string(static_cast<unsigned>(p.vlan_id))});
-        labels.push_back({"port_mac", hex_bytes(pmac, 6, ":")});
-        labels.push_back({"fcoe_mac", hex_bytes(lmac, 6, ":")});
+        labels.push_back({"port_mac", mv::tool::hex_bytes(pmac, 6, ':')});
+        labels.push_back({"fcoe_mac", mv::tool::hex_bytes(lmac, 6, ':')});
         return labels;
     }
 
@@ -430,7 +420,7 @@ ClientMetric gauge(double v, Labels labels = {}) {
 
 }  // namespace
 
-std::string wwn_label(const uint8_t* wwn) { return "0x" + hex_bytes(wwn, 8, ""); }
+std::string wwn_label(const uint8_t* wwn) { return "0x" + mv::tool::hex_bytes(wwn, 8, '\0'); }
 
 Reading collect_system(MvFCoEIni& facade, const CollectOptions& options) {
     return Collector(facade, options).run();

@@ -9,6 +9,7 @@
 
 #include "mirvak/mgmt_records.h"
 #include "mirvak/snapshot_records.h"
+#include "hex_text.h"
 #include "port_names.h"
 
 namespace mv::tool {
@@ -44,16 +45,6 @@ std::string text(const char* field, std::size_t size) {
 }
 #define TEXT(f) text((f), sizeof(f))
 
-std::string hex_bytes(const uint8_t* b, std::size_t n, char sep) {
-    std::string out;
-    char buf[4];
-    for (std::size_t i = 0; i < n; ++i) {
-        if (i != 0) out += sep;
-        std::snprintf(buf, sizeof buf, "%02x", b[i]);
-        out += buf;
-    }
-    return out;
-}
 std::string wwn(const HBA_WWN& w) { return hex_bytes(w.wwn, 8, ':'); }
 std::string mac(const uint8_t (&m)[6]) { return hex_bytes(m, 6, ':'); }
 
