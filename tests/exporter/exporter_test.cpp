@@ -358,7 +358,13 @@ TEST_F(ExporterTest, ConcurrentScrapesNeverEnterTheLibraryTogether) {
     // Connections the server is still closing are given a moment.
     for (int i = 0; i < 30 && open_fds() != fds_before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(open_fds(), fds_before);
-    EXPECT_LT(rss_kib() - rss_before, 64 * 1024) << "memory grew by more than 64 MiB";
+#if defined(__SANITIZE_ADDRESS__)
+    // The sanitizer holds freed memory back (up to 256 MiB) before reuse.
+    constexpr long kGrowthKib = 320 * 1024;
+#else
+    constexpr long kGrowthKib = 64 * 1024;
+#endif
+    EXPECT_LT(rss_kib() - rss_before, kGrowthKib) << "memory grew by " << (rss_kib() - rss_before) << " KiB";
 }
 
 TEST_F(ExporterTest, TheSimulatedDriverSeesUnserialisedCallers) {
@@ -438,6 +444,8 @@ TEST_F(ExporterTest, APortWithManyRemotePortsAndAVirtualPortScrapesWellWithinTen
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     EXPECT_EQ(a.status, 200);
     EXPECT_LT(seconds, 10.0);
+    RecordProperty("scrape_seconds", std::to_string(seconds));
+    std::fprintf(stderr, "scrape of 2 ports with 40 remote ports and a virtual port each: %.2f s\n", seconds);
     // Both ports' 40 targets, and the virtual ports' own.
     EXPECT_EQ(value_of(a.body, "mirvak_port_discovered_ports", {"port=\"0\""}), 40);
     int rports = 0;
