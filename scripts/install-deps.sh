@@ -9,6 +9,7 @@ packages=(
   libhbaapi-dev libhbaapi2
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
+  prometheus-cpp-dev libcivetweb-dev libssl-dev libyaml-cpp-dev libcrypt-dev prometheus openssl curl
 )
 # Further packages a caller needs (scripts/package.sh: the packaging tools).
 packages+=("$@")

@@ -61,6 +61,11 @@ uint64_t tusksim_call_count(const char* op);
 uint64_t tusksim_call_total(void);
 void tusksim_reset_counts(void);
 
+/* The most operations that were in the library at once (running, or waiting
+ * for another to finish) since the last tusksim_reset_counts: 1 when every
+ * caller serialised its calls, more when two threads entered together. */
+uint32_t tusksim_most_in_flight(void);
+
 /* Handles opened and not yet closed. */
 uint32_t tusksim_open_handles(void);
 /* The handle that the latest successful open_adapter or open_adapter_str

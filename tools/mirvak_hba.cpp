@@ -28,6 +28,7 @@
 #include "codes.h"
 #include "facade_commands.h"
 #include "lun_commands.h"
+#include "metrics_command.h"
 #include "output.h"
 #include "plugin_loader.h"
 #include "session.h"
@@ -301,6 +302,15 @@ int main(int argc, char** argv) {
     CLI::App* c_decode = cli.sub(&app, "decode", "Decode a snapshot saved with snapshot --raw");
     c_decode->add_option("file", decode_file, "The saved snapshot")->required();
 
+    // Prometheus metrics
+    std::string metrics_file;
+    bool metrics_no_luns = false;
+    CLI::App* c_metrics =
+        cli.sub(&app, "metrics", "The exporter's metrics once, in the Prometheus text format (textfile collector)");
+    c_metrics->add_option("--output", metrics_file, "Replace this file atomically instead of printing")
+        ->type_name("FILE");
+    c_metrics->add_flag("--no-collector.luns", metrics_no_luns, "Leave out the mirvak_lun_* series");
+
     // FCP target mapping
     CLI::App* c_mapping = cli.sub(&app, "mapping", "FCP target mapping: device, H:C:T:L, target WWNs, FCP LUN, LUID");
     {
@@ -390,6 +400,9 @@ int main(int argc, char** argv) {
             }
         } else if (leaf == c_decode) {
             print(out, cli.as_json, decode_command(decode_file));
+        } else if (leaf == c_metrics) {
+            Session session;
+            metrics_command(session, !metrics_no_luns, metrics_file, out);
         } else {
             Session session;
             const Selection sel = sel_opts ? sel_opts->selection() : Selection{};

@@ -73,20 +73,6 @@ std::string joined(const json& list) {
 
 std::string field_text(const char* field, std::size_t size) { return std::string(field, strnlen(field, size)); }
 
-const char* port_state_name(uint32_t state) {
-    switch (state) {
-        case HBA_PORTSTATE_UNKNOWN: return "unknown";
-        case HBA_PORTSTATE_ONLINE: return "online";
-        case HBA_PORTSTATE_OFFLINE: return "offline";
-        case HBA_PORTSTATE_BYPASSED: return "bypassed";
-        case HBA_PORTSTATE_DIAGNOSTICS: return "diagnostics";
-        case HBA_PORTSTATE_LINKDOWN: return "link down";
-        case HBA_PORTSTATE_ERROR: return "error";
-        case HBA_PORTSTATE_LOOPBACK: return "loopback";
-        default: return "other";
-    }
-}
-
 std::string value_text(const json& v) {
     if (v.is_string()) return v.get<std::string>();
     if (v.is_boolean()) return v.get<bool>() ? "yes" : "no";

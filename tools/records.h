@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "mirvak/mgmt_records.h"
+#include "port_names.h"
 
 namespace mv::tool {
 
@@ -36,7 +37,6 @@ void print_line(std::FILE* out, int indent, const std::string& label, const std:
 // as yes/no.
 std::string value_text(const nlohmann::json& v);
 
-const char* port_state_name(uint32_t state);
 
 }  // namespace mv::tool
 

@@ -55,15 +55,4 @@ std::string wwn_text(const uint8_t* w) {
     return buf;
 }
 
-std::string hex_bytes(const uint8_t* data, std::size_t n) {
-    std::string out;
-    out.reserve(n * 3);
-    char buf[4];
-    for (std::size_t i = 0; i < n; ++i) {
-        std::snprintf(buf, sizeof buf, i == 0 ? "%02x" : " %02x", data[i]);
-        out += buf;
-    }
-    return out;
-}
-
 }  // namespace mv::tool

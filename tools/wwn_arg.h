@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "hex_text.h"  // hex_bytes: bytes as lower-case hex digits, a space between bytes
+
 namespace mv::tool {
 
 using Wwn = std::array<uint8_t, 8>;
@@ -22,9 +24,6 @@ std::optional<Wwn> parse_wwn(const std::string& text, std::string* why = nullptr
 // "21:00:00:1b:9e:a1:00:00"
 std::string wwn_text(const uint8_t* wwn);
 inline std::string wwn_text(const Wwn& w) { return wwn_text(w.data()); }
-
-// Bytes as lower-case hex digits, a space between bytes.
-std::string hex_bytes(const uint8_t* data, std::size_t n);
 
 }  // namespace mv::tool
 

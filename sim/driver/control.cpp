@@ -103,6 +103,10 @@ void tusksim_reset_counts(void) {
     control([](Driver& d) { d.reset_counts(); });
 }
 
+uint32_t tusksim_most_in_flight(void) {
+    return control([](Driver& d) { return d.most_in_flight(); });
+}
+
 uint32_t tusksim_open_handles(void) {
     return control([](Driver& d) { return static_cast<uint32_t>(d.open_handles()); });
 }

@@ -24,6 +24,11 @@ using namespace tusksim;
 template <class Body>
 auto run(Op op, Body&& body) {
     Driver& d = driver();
+    struct InFlight {
+        Driver& d;
+        explicit InFlight(Driver& dr) : d(dr) { d.arrive(); }
+        ~InFlight() { d.depart(); }
+    } in_flight(d);
     std::lock_guard<std::mutex> lock(d.mutex());
     d.ensure_loaded();
     using Result = decltype(body(d));

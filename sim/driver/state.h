@@ -5,6 +5,7 @@
 #define MIRVAK_SIM_DRIVER_STATE_H
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -51,7 +52,20 @@ public:
     std::optional<int> enter(Op op);
     uint64_t calls(Op op) const { return calls_[static_cast<std::size_t>(op)]; }
     uint64_t total_calls() const;
-    void reset_counts() { calls_.fill(0); }
+    void reset_counts() {
+        calls_.fill(0);
+        most_in_flight_ = 0;
+    }
+    // Operations running or waiting for the lock at once: counted before the
+    // lock is taken, so that callers that enter the library together show.
+    void arrive() {
+        const uint32_t now = ++in_flight_;
+        uint32_t most = most_in_flight_.load();
+        while (now > most && !most_in_flight_.compare_exchange_weak(most, now)) {
+        }
+    }
+    void depart() { --in_flight_; }
+    uint32_t most_in_flight() const { return most_in_flight_.load(); }
     void add_fault(Op op, uint32_t nth, int status, bool every);
     void clear_faults() { faults_.clear(); }
 
@@ -80,6 +94,8 @@ private:
     sim::Fabric fabric_;
     std::string persist_path_;
     std::array<uint64_t, kOpCount> calls_{};
+    std::atomic<uint32_t> in_flight_{0};
+    std::atomic<uint32_t> most_in_flight_{0};
     std::vector<ActiveFault> faults_;
     std::map<uint32_t, uint32_t> handles_;  // handle -> adapter instance
     // Handles look like the descriptors the real driver hands out: small

@@ -850,3 +850,40 @@ TEST(ScsiDecode, Sense) {
 }
 
 }  // namespace
+
+// ---- Metrics, for the node exporter's textfile collector ----
+
+namespace {
+
+TEST_F(HbaTool, MetricsPrintsTheExpositionAndOutputReplacesTheFile) {
+    const Result printed = Run({"-q", "metrics"});
+    EXPECT_EQ(printed.status, 0) << printed.err;
+    EXPECT_NE(printed.out.find("\nmirvak_exporter_adapters 2\n"), std::string::npos) << printed.out;
+    EXPECT_NE(printed.out.find("mirvak_port_info{adapter=\"/dev/tuskstor1\",port=\"0\",wwpn=\"0x2100001b9ea10000\","
+                               "fc_host=\"host0\""),
+              std::string::npos);
+    // The library's own lines stay out of the exposition.
+    EXPECT_EQ(printed.out.find("BTL info"), std::string::npos);
+
+    const fs::path file = Dir() / "textfile" / "mirvak.prom";
+    fs::create_directories(file.parent_path());
+    {
+        std::ofstream old(file);
+        old << "# an older exposition\n";
+    }
+    const Result written = Run({"-q", "metrics", "--output", file.string(), "--no-collector.luns"});
+    EXPECT_EQ(written.status, 0) << written.err;
+    EXPECT_EQ(written.out, "");
+    const std::string text = slurp(file);
+    EXPECT_NE(text.find("\nmirvak_exporter_adapters 2\n"), std::string::npos);
+    EXPECT_EQ(text.find("mirvak_lun_"), std::string::npos);
+    // Only the file itself is left in the folder.
+    EXPECT_EQ(std::distance(fs::directory_iterator(file.parent_path()), fs::directory_iterator()), 1);
+
+    // A folder that cannot be written leaves the file as it was.
+    const Result refused = Run({"-q", "metrics", "--output", (Dir() / "missing" / "mirvak.prom").string()});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("cannot create a temporary file beside"), std::string::npos) << refused.err;
+}
+
+}  // namespace

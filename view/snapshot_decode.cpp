@@ -9,6 +9,8 @@
 
 #include "mirvak/mgmt_records.h"
 #include "mirvak/snapshot_records.h"
+#include "hex_text.h"
+#include "port_names.h"
 
 namespace mv::tool {
 
@@ -43,32 +45,8 @@ std::string text(const char* field, std::size_t size) {
 }
 #define TEXT(f) text((f), sizeof(f))
 
-std::string hex_bytes(const uint8_t* b, std::size_t n, char sep) {
-    std::string out;
-    char buf[4];
-    for (std::size_t i = 0; i < n; ++i) {
-        if (i != 0) out += sep;
-        std::snprintf(buf, sizeof buf, "%02x", b[i]);
-        out += buf;
-    }
-    return out;
-}
 std::string wwn(const HBA_WWN& w) { return hex_bytes(w.wwn, 8, ':'); }
 std::string mac(const uint8_t (&m)[6]) { return hex_bytes(m, 6, ':'); }
-
-const char* state_name(uint32_t s) {
-    switch (s) {
-        case HBA_PORTSTATE_UNKNOWN: return "unknown";
-        case HBA_PORTSTATE_ONLINE: return "online";
-        case HBA_PORTSTATE_OFFLINE: return "offline";
-        case HBA_PORTSTATE_BYPASSED: return "bypassed";
-        case HBA_PORTSTATE_DIAGNOSTICS: return "diagnostics";
-        case HBA_PORTSTATE_LINKDOWN: return "link down";
-        case HBA_PORTSTATE_ERROR: return "error";
-        case HBA_PORTSTATE_LOOPBACK: return "loopback";
-        default: return "other";
-    }
-}
 
 // The bounded view of the stream: every read is checked against the end.
 class Reader {
@@ -132,7 +110,7 @@ json standard_port(const HBA_PORTATTRIBUTES& a) {
             {"fc_id", a.PortFcId},
             {"type", a.PortType},
             {"state", a.PortState},
-            {"state_name", state_name(a.PortState)},
+            {"state_name", port_state_name(a.PortState)},
             {"classes_of_service", a.PortSupportedClassofService},
             {"symbolic_name", TEXT(a.PortSymbolicName)},
             {"os_device_name", TEXT(a.OSDeviceName)},
