@@ -9,6 +9,7 @@ packages=(
   libhbaapi-dev libhbaapi2
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
+  lsscsi sg3-utils prometheus-node-exporter libhbalinux2
 )
 
 missing=()
