@@ -1,46 +1,50 @@
 // Writes the host's view of a fabric in the shape the kernel publishes for
-// FC and FCoE hosts: one device tree, and the class and bus views as
-// relative links into it, plus the HBA API front library's configuration
-// file.
+// FC and FCoE hosts: the device tree, the class and bus views, the older
+// entry names beside the newer ones, plus the HBA API front library's
+// configuration file.
 //
-// Device tree for a local node that got SCSI host H, on PCI function F (one
-// per adapter port: 0000:BB:DD.F with BB = 0x10 + the adapter's instance),
-// and a published remote node with ordinal M (target T, LUN L, block device
-// sdX, generic device sgN). A virtual port's host sits below its physical
-// port's host, in vport-P:0-K/ (P the physical port's host, K its ordinal).
+// For a local node that got SCSI host H and a published remote node with
+// ordinal M (target T, LUN L, block device sdX, generic device sgN):
 //
-//   sys/devices/pci0000:00/F/hostH/
+//   sys/class/fc_host/hostH/{port_name,node_name,port_id,port_type,
+//       port_state,speed,supported_speeds,supported_classes,fabric_name,
+//       symbolic_name,maxframe_size,max_npiv_vports,npiv_vports_inuse,
+//       dev_loss_tmo,tgtid_bind_type,manufacturer,model,serial_number,
+//       hardware_version,driver_version,firmware_version,<extra attrs>,
+//       statistics/}
+//   sys/class/fc_host/hostH/device/                  the SCSI host's folder
+//       fc_host/hostH -> the class entry above
 //       scsi_host/hostH/{proc_name,unique_id,state,device->}
-//       fc_host/hostH/{port_name,node_name,port_id,port_type,port_state,
-//                      speed,supported_speeds,supported_classes,fabric_name,
-//                      symbolic_name,maxframe_size,max_npiv_vports,
-//                      npiv_vports_inuse,dev_loss_tmo,tgtid_bind_type,
-//                      manufacturer,model,serial_number,hardware_version,
-//                      driver_version,firmware_version,<extra attrs>,
-//                      statistics/,device->}
-//       rport-H:0-M/
-//           fc_remote_ports/rport-H:0-M/{port_name,node_name,port_id,
-//               port_state,roles,scsi_target_id,supported_classes,
-//               dev_loss_tmo,fast_io_fail_tmo,device->}
-//           fc_remote_ports:rport-H:0-M -> fc_remote_ports/rport-H:0-M
-//           targetH:0:T/fc_transport/targetH:0:T/{port_name,node_name,port_id}
-//           targetH:0:T/H:0:T:L/{vendor,model,rev,type,state}
-//           targetH:0:T/H:0:T:L/scsi_device/H:0:T:L/
-//           targetH:0:T/H:0:T:L/scsi_generic/sgN/dev, generic -> scsi_generic/sgN
-//           targetH:0:T/H:0:T:L/block/sdX/{dev,size,ro,removable}
-//           targetH:0:T/H:0:T:L/block:sdX -> block/sdX   (unless block_link is false)
-//           targetH:0:T/H:0:T:L/block/size               (when block_dir)
-//   sys/class/{fc_host,scsi_host,fc_remote_ports,fc_transport,scsi_device,
-//              scsi_generic,block}/<name> -> the class device above
-//   sys/block/sdX, sys/bus/scsi/devices/{hostH,targetH:0:T,H:0:T:L} -> ...
+//       rport-H:0-M/fc_remote_ports/rport-H:0-M/{port_name,node_name,
+//           port_id,port_state,roles,scsi_target_id,supported_classes,
+//           dev_loss_tmo,fast_io_fail_tmo,device->}
+//       rport-H:0-M/fc_remote_ports:rport-H:0-M -> fc_remote_ports/rport-H:0-M
+//       rport-H:0-M/targetH:0:T/H:0:T:L/{vendor,model,rev,type,state}
+//           .../H:0:T:L/scsi_device/H:0:T:L/
+//           .../H:0:T:L/scsi_generic/sgN/dev, generic -> scsi_generic/sgN
+//           .../H:0:T:L/block/sdX/{dev,size,ro,removable,device->}
+//           .../H:0:T:L/block:sdX -> block/sdX   (unless block_link is false)
+//           .../H:0:T:L/block/size               (when block_dir)
+//   sys/devices/pci0000:00/0000:BB:DD.F/hostH -> the SCSI host's folder
+//       (one PCI function per adapter port: BB = 0x10 + the adapter's
+//       instance, DD.F the port number); a virtual port's host is
+//       .../hostP/vport-P:0-K/hostH below its physical port's host P
+//   sys/class/{scsi_host,fc_remote_ports,scsi_device,scsi_generic,block}/
+//       <name>, sys/block/sdX, sys/bus/scsi/devices/{hostH,targetH:0:T,
+//       H:0:T:L} -> the folders above
+//   sys/class/fc_transport/targetH:0:T/{port_name,node_name,port_id,device->}
 //   etc/hba.conf
 //   sim/sg.json        (the SCSI device index, see sg_index.h)
 //   sim/sg.stamp       (the index's length and hashes)
 //
-// The entries the plug-in reads by their older names (fc_remote_ports:...,
-// block:sdX) stay beside the newer ones. A LUN's sysfs_name replaces
-// H:0:T:L; vendor_text and size_text replace the vendor and size files'
-// contents. Where each value comes from: sim/FABRIC.md.
+// The kernel keeps the real folders in the device tree and makes the class
+// entries links; here the folders lie where the plug-in walks them
+// (/sys/class/fc_host/hostH/device/...), so that every directory it opens
+// is the folder itself, and the device tree links to them. Every path the
+// kernel publishes resolves to the same folder either way. All links are
+// relative. A LUN's sysfs_name replaces H:0:T:L; vendor_text and size_text
+// replace the vendor and size files' contents. Where each value comes
+// from: sim/FABRIC.md.
 #include "sysfs_gen.h"
 
 #include "sg_index.h"
@@ -164,7 +168,13 @@ void make_link(const fs::path& link, const fs::path& target) {
     std::error_code ec;
     fs::create_directories(link.parent_path(), ec);
     if (ec) fail(link.parent_path(), "cannot create directory", ec);
-    fs::create_symlink(target.lexically_relative(link.parent_path()), link, ec);
+    // Relative to where the link really lies (its folder may be reached
+    // through another link).
+    const fs::path from = fs::canonical(link.parent_path(), ec);
+    if (ec) fail(link.parent_path(), "cannot resolve", ec);
+    const fs::path to = fs::weakly_canonical(target, ec);
+    if (ec) fail(target, "cannot resolve", ec);
+    fs::create_symlink(to.lexically_relative(from), link, ec);
     if (ec) fail(link, "cannot create link", ec);
 }
 
@@ -406,10 +416,17 @@ void write_rport_attrs(const fs::path& dir, const RemoteNode& rn, std::optional<
 }
 
 // One SCSI host: `device` is its device directory (.../hostH).
-void write_host(ViewState& v, const fs::path& device, int h, const Adapter& a, const LocalNode& ln) {
+// The SCSI host's device directory lies below its fc_host class entry, as
+// class/fc_host/hostH/device, and the device tree's hostH is a link to it:
+// the plug-in's readers meet real directories on the paths they walk (the
+// kernel has it the other way round; every path resolves the same).
+void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln) {
     const std::string hs = std::to_string(h);
     const std::string host_name = "host" + hs;
-    make_dirs(device);
+    const fs::path fc_host = v.sys / "class" / "fc_host" / host_name;
+    const fs::path device = fc_host / "device";
+    make_dir(fc_host);
+    make_dir(device);
     view_link(v.sys / "bus" / "scsi" / "devices" / host_name, device);
 
     const fs::path scsi_host = class_device(device, "scsi_host", host_name);
@@ -418,9 +435,8 @@ void write_host(ViewState& v, const fs::path& device, int h, const Adapter& a, c
     write_file(scsi_host / "state", "running\n");
     view_link(v.sys / "class" / "scsi_host" / host_name, scsi_host);
 
-    const fs::path fc_host = class_device(device, "fc_host", host_name);
     write_fc_host_attrs(fc_host, a, ln);
-    view_link(v.sys / "class" / "fc_host" / host_name, fc_host);
+    make_link(device / "fc_host" / host_name, fc_host);
 
     uint32_t rport_ordinal = 0;
     uint32_t target_ordinal = 0;
@@ -445,11 +461,19 @@ void write_host(ViewState& v, const fs::path& device, int h, const Adapter& a, c
         const fs::path target_dir = rport / ("target" + ht);
         make_dir(target_dir);
         view_link(v.sys / "bus" / "scsi" / "devices" / ("target" + ht), target_dir);
-        const fs::path transport = class_device(target_dir, "fc_transport", "target" + ht);
-        write_file(transport / "port_name", wwn_text(rn.port_wwn));
-        write_file(transport / "node_name", wwn_text(rn.node_wwn));
-        write_file(transport / "port_id", fcid_text(rn.fcid));
-        view_link(v.sys / "class" / "fc_transport" / ("target" + ht), transport);
+        // The kernel keeps this class device in the target's directory; here
+        // it lives in the class folder itself (with its "device" link to
+        // the target), since readers of the target's directory take every
+        // entry in it for a LUN.
+        const fs::path transport = v.sys / "class" / "fc_transport" / ("target" + ht);
+        std::error_code ec;
+        if (!fs::exists(transport, ec)) {
+            make_dirs(transport);
+            make_link(transport / "device", target_dir);
+            write_file(transport / "port_name", wwn_text(rn.port_wwn));
+            write_file(transport / "node_name", wwn_text(rn.node_wwn));
+            write_file(transport / "port_id", fcid_text(rn.fcid));
+        }
         for (const Lun& lun : rn.luns) write_lun(v, target_dir, ht + ":" + std::to_string(lun.lun), lun, rn);
         add_devices(v.index, ht, rn);
     }
@@ -570,11 +594,20 @@ void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<Ho
     remove_tree(sg_dir);
 
     make_dirs(v.sys / "class" / "fc_host");
-    const std::vector<fs::path> devices = host_devices(f, v.sys, hosts);
-    for (std::size_t i = 0; i < hosts.size(); ++i) {
-        const Adapter& a = f.adapters[hosts[i].adapter];
-        write_host(v, devices[i], hosts[i].host, a, a.lnodes[hosts[i].lnode]);
+    for (const HostAssignment& h : hosts) {
+        const Adapter& a = f.adapters[h.adapter];
+        write_host(v, h.host, a, a.lnodes[h.lnode]);
     }
+    // The device tree: physical ports' hosts first, then the virtual ports'
+    // below them (their folders are reached through the physical ports'
+    // links).
+    const std::vector<fs::path> devices = host_devices(f, v.sys, hosts);
+    for (const bool virtual_ports : {false, true})
+        for (std::size_t i = 0; i < hosts.size(); ++i) {
+            const bool is_virtual = devices[i].parent_path().filename().string().rfind("vport-", 0) == 0;
+            if (is_virtual != virtual_ports) continue;
+            make_link(devices[i], v.sys / "class" / "fc_host" / ("host" + std::to_string(hosts[i].host)) / "device");
+        }
 
     make_dirs(sg_dir);
     const std::string text =

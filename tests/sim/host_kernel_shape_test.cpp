@@ -57,37 +57,47 @@ std::string counter(uint64_t v) {
 
 constexpr const char* kHost0 = "devices/pci0000:00/0000:11:00.0/host0";
 
-TEST_F(HostKernelShape, ClassAndBusViewsAreRelativeLinksIntoTheDeviceTree) {
+// Two paths below sys/ name the same file or folder.
+#define EXPECT_SAME(a, b) EXPECT_TRUE(fs::equivalent(sys / (a), sys / (b))) << (a) << " and " << (b)
+
+TEST_F(HostKernelShape, EveryViewReachesTheSameDevices) {
     sim::generate_host(sim::parse_fabric_text(sim::default_fabric_text(), "<default>"), root.string());
     const std::string h0 = kHost0;
-    EXPECT_EQ(link("class/fc_host/host0"), "../../" + h0 + "/fc_host/host0");
-    EXPECT_EQ(link("class/scsi_host/host0"), "../../" + h0 + "/scsi_host/host0");
-    EXPECT_EQ(link("class/fc_remote_ports/rport-0:0-0"), "../../" + h0 + "/rport-0:0-0/fc_remote_ports/rport-0:0-0");
-    EXPECT_EQ(link("class/fc_transport/target0:0:0"),
-              "../../" + h0 + "/rport-0:0-0/target0:0:0/fc_transport/target0:0:0");
-    EXPECT_EQ(link("bus/scsi/devices/0:0:0:0"), "../../../" + h0 + "/rport-0:0-0/target0:0:0/0:0:0:0");
-    EXPECT_EQ(link("bus/scsi/devices/host0"), "../../../" + h0);
-    EXPECT_EQ(link("bus/scsi/devices/target0:0:0"), "../../../" + h0 + "/rport-0:0-0/target0:0:0");
-    EXPECT_EQ(link("block/sdb"), "../" + h0 + "/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb");
-    EXPECT_EQ(resolved("class/block/sdb"), h0 + "/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb");
-    EXPECT_EQ(resolved("class/scsi_device/0:0:0:0"), h0 + "/rport-0:0-0/target0:0:0/0:0:0:0/scsi_device/0:0:0:0");
-    EXPECT_EQ(resolved("class/scsi_generic/sg0"), h0 + "/rport-0:0-0/target0:0:0/0:0:0:0/scsi_generic/sg0");
-    EXPECT_EQ(resolved("class/fc_host/host0/device"), h0);
+    const std::string l0 = h0 + "/rport-0:0-0/target0:0:0/0:0:0:0";
+    // The SCSI host's folder is the fc_host entry's "device"; the device
+    // tree, the class views and the SCSI bus reach the same folders.
+    EXPECT_EQ(link(h0), "../../../class/fc_host/host0/device");
+    EXPECT_SAME(h0, "class/fc_host/host0/device");
+    EXPECT_SAME(h0 + "/fc_host/host0", "class/fc_host/host0");
+    EXPECT_SAME(h0 + "/scsi_host/host0", "class/scsi_host/host0");
+    EXPECT_SAME(h0 + "/rport-0:0-0/fc_remote_ports/rport-0:0-0", "class/fc_remote_ports/rport-0:0-0");
+    EXPECT_SAME(h0 + "/rport-0:0-0/target0:0:0", "class/fc_transport/target0:0:0/device");
+    EXPECT_SAME(h0, "bus/scsi/devices/host0");
+    EXPECT_SAME(h0 + "/rport-0:0-0/target0:0:0", "bus/scsi/devices/target0:0:0");
+    EXPECT_SAME(l0, "bus/scsi/devices/0:0:0:0");
+    EXPECT_SAME(l0 + "/block/sdb", "block/sdb");
+    EXPECT_SAME(l0 + "/block/sdb", "class/block/sdb");
+    EXPECT_SAME(l0 + "/scsi_device/0:0:0:0", "class/scsi_device/0:0:0:0");
+    EXPECT_SAME(l0 + "/scsi_generic/sg0", "class/scsi_generic/sg0");
+    EXPECT_SAME(l0 + "/scsi_generic/sg0", l0 + "/generic");
+    EXPECT_SAME(l0, l0 + "/block/sdb/device");
+    EXPECT_SAME("class/fc_host/host0", "class/fc_host/host0/device/fc_host/host0");
+    // Links are relative, so the tree can be read wherever it lies.
+    EXPECT_EQ(link("bus/scsi/devices/0:0:0:0"), "../../../class/fc_host/host0/device/rport-0:0-0/target0:0:0/0:0:0:0");
     // The older names the plug-in reads are links beside the newer entries.
     EXPECT_EQ(link(h0 + "/rport-0:0-0/fc_remote_ports:rport-0:0-0"), "fc_remote_ports/rport-0:0-0");
-    EXPECT_EQ(link(h0 + "/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb"), "block/sdb");
-    EXPECT_EQ(link(h0 + "/rport-0:0-0/target0:0:0/0:0:0:0/generic"), "scsi_generic/sg0");
+    EXPECT_EQ(link(l0 + "/block:sdb"), "block/sdb");
+    EXPECT_EQ(link(l0 + "/generic"), "scsi_generic/sg0");
     // Instance 1's port 1 is the next function; its virtual ports sit below
-    // its host.
-    EXPECT_EQ(resolved("class/fc_host/host1/device"), "devices/pci0000:00/0000:11:00.1/host1");
-    EXPECT_EQ(resolved("class/fc_host/host2/device"), "devices/pci0000:00/0000:11:00.1/host1/vport-1:0-0/host2");
-    EXPECT_EQ(resolved("class/fc_host/host3/device"), "devices/pci0000:00/0000:11:00.1/host1/vport-1:0-1/host3");
-    EXPECT_EQ(resolved("class/fc_host/host4/device"), "devices/pci0000:00/0000:14:00.0/host4");
+    // its host; instance 4 is another bus.
+    EXPECT_SAME("devices/pci0000:00/0000:11:00.1/host1", "class/fc_host/host1/device");
+    EXPECT_SAME("devices/pci0000:00/0000:11:00.1/host1/vport-1:0-0/host2", "class/fc_host/host2/device");
+    EXPECT_SAME("devices/pci0000:00/0000:11:00.1/host1/vport-1:0-1/host3", "class/fc_host/host3/device");
+    EXPECT_SAME("devices/pci0000:00/0000:14:00.0/host4", "class/fc_host/host4/device");
     EXPECT_EQ(names("class/fc_host"),
               (std::set<std::string>{"host0", "host1", "host2", "host3", "host4", "host5", "host6", "host7"}));
-    // A target directory holds its LUNs and its transport entry, nothing else.
-    EXPECT_EQ(names(h0 + "/rport-0:0-0/target0:0:0"),
-              (std::set<std::string>{"fc_transport", "0:0:0:0", "0:0:0:1", "0:0:0:2"}));
+    // A target directory holds its LUNs, nothing else.
+    EXPECT_EQ(names(h0 + "/rport-0:0-0/target0:0:0"), (std::set<std::string>{"0:0:0:0", "0:0:0:1", "0:0:0:2"}));
 }
 
 TEST_F(HostKernelShape, FcHostAttributesComeFromTheDriversRecords) {

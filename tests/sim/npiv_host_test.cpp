@@ -321,8 +321,7 @@ TEST_F(NpivHostTest, HostThatCannotBeWrittenUndoesTheChange) {
     err = testenv::CaptureErr([&] { status = Create(kNew, kP1); });
     EXPECT_EQ(status, -EIO);
     EXPECT_EQ(err.rfind("libtuskstor (simulated): simulated host: cannot create directory " + root() +
-                            "/sys/devices/pci0000:00/0000:12:00.0/host0/vport-0:0-0/host1/rport-1:0-0/"
-                            "target1:0:0/1:0:0:0: File exists",
+                            "/sys/class/fc_host/host1/device/rport-1:0-0/target1:0:0/1:0:0:0: File exists",
                         0),
               0u)
         << err;
