@@ -106,7 +106,8 @@ TEST_F(NpivConcurrentTest, ConcurrentCreatorsAndDeletersLoseNoChange) {
 
     // The description.
     std::set<std::string> described;
-    for (const sim::LocalNode& ln : sim::load_fabric_file(path).adapters.at(0).lnodes)
+    const sim::Fabric written = sim::load_fabric_file(path);
+    for (const sim::LocalNode& ln : written.adapters.at(0).lnodes)
         described.insert(sim::wwn_to_hex(ln.port_wwn));
     EXPECT_EQ(described, expected);
 
