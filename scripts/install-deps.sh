@@ -10,6 +10,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
   prometheus-cpp-dev libcivetweb-dev libssl-dev libyaml-cpp-dev libcrypt-dev prometheus openssl curl
+  lsscsi sg3-utils prometheus-node-exporter libhbalinux2
 )
 # Further packages a caller needs (scripts/package.sh: the packaging tools).
 packages+=("$@")
@@ -24,5 +25,21 @@ sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# Prometheus and the node exporter come as services; the tests start their
+# own on 127.0.0.1, so the machine's copies are neither started nor enabled.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\n# mirvak-hba install-deps: start no service while it installs\nexit 101\n' | $sudo tee "$policy" >/dev/null
+  $sudo chmod 755 "$policy"
+  trap '$sudo rm -f "$policy"' EXIT
+fi
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+for p in "${missing[@]}"; do
+  case "$p" in
+    prometheus|prometheus-node-exporter)
+      if command -v deb-systemd-helper >/dev/null; then
+        $sudo deb-systemd-helper disable "$p.service" >/dev/null 2>&1 || true
+      fi ;;
+  esac
+done

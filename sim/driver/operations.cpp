@@ -73,27 +73,33 @@ std::optional<uint32_t> instance_of(const char* path) {
 // Create and delete: the adapter's policy may refuse at once; any refusal
 // leaves -5 in the request when the policy asks for that marker; a change
 // is written back to the description file it came from and shown by the
-// simulated host (see host_view.h), and undone when either fails. Before
-// the change every local node's SCSI host number is pinned, so that the
-// ports that stay keep their fc_host entries; change gets the first free
-// number for a new port.
+// simulated host (see host_view.h), and undone when either fails. Other
+// processes may change the same file: the change is made under the file's
+// lock, on the description as the file holds it now. Before the change
+// every local node's SCSI host number is pinned, so that the ports that
+// stay keep their fc_host entries; change gets the first free number for a
+// new port.
 template <class Change>
 int change_vports(Op op, uint32_t handle, void* rec, int sim::NpivPolicy::*forced, Change change) {
-    return fill<npiv_req>(op, handle, rec, [&](Driver& d, sim::Adapter& a, npiv_req& req) -> int {
-        const bool marker = a.npiv.refused_marker;
-        int status = a.npiv.*forced;
+    return fill<npiv_req>(op, handle, rec, [&](Driver& d, sim::Adapter& known, npiv_req& req) -> int {
+        const bool marker = known.npiv.refused_marker;
+        int status = known.npiv.*forced;
+        Driver::FileLock lock;
         if (status == 0) {
-            sim::Fabric before = d.fabric();
+            if (d.lock_file(lock) != 0 || d.reread() != 0) return kIoError;
+            sim::Adapter* const a = d.adapter(handle, status);
+            if (a == nullptr) return status;  // the adapter left the description
+            const sim::Fabric reread = d.fabric();
             const std::optional<int> next_host = pin_scsi_hosts(d.fabric());
-            status = change(d.fabric(), a, req, next_host);
+            status = change(d.fabric(), *a, req, next_host);
             // `a` may point into the fabric replaced below: not used after this.
             if (status != 0) {
-                d.fabric() = std::move(before);  // the pins go with the refused change
+                d.fabric() = reread;  // the pins go with the refused change
             } else if (d.persist() != 0) {
-                d.fabric() = std::move(before);
+                d.fabric() = reread;
                 return kIoError;
             } else if (publish_host(d.fabric()) != 0) {
-                d.fabric() = std::move(before);
+                d.fabric() = reread;
                 d.persist();
                 publish_host(d.fabric());
                 return kIoError;

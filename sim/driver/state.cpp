@@ -5,8 +5,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
+#include <string>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include "model.h"
 #include "mirvak/tuskstor.h"
@@ -61,8 +68,10 @@ void Driver::ensure_loaded() {
 int Driver::persist() {
     if (persist_path_.empty()) return 0;
     // Written beside the file and renamed over it, so a reader never sees
-    // half a description.
-    const std::string tmp = persist_path_ + ".tmp";
+    // half a description; the name is this writer's own.
+    static unsigned serial = 0;
+    const std::string tmp =
+        persist_path_ + ".tmp." + std::to_string(getpid()) + "." + std::to_string(++serial);
     {
         std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
         out << sim::fabric_to_json(fabric_).dump(2) << '\n';
@@ -79,6 +88,43 @@ int Driver::persist() {
         return kIoError;
     }
     return 0;
+}
+
+Driver::FileLock::~FileLock() {
+    if (fd_ >= 0) ::close(fd_);  // closing drops the lock
+}
+
+int Driver::lock_file(FileLock& lock) {
+    if (persist_path_.empty()) return 0;
+    const std::string name = persist_path_ + ".lock";
+    const int fd = ::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    // No lock file can be made where the description lies: nobody can
+    // write a change there either, and the write-back reports it.
+    if (fd < 0) return 0;
+    int rc = 0;
+    do rc = flock(fd, LOCK_EX);
+    while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        report("cannot lock " + name + ": " + std::strerror(errno));
+        ::close(fd);
+        return kIoError;
+    }
+    lock.hold(fd);
+    return 0;
+}
+
+int Driver::reread() {
+    if (persist_path_.empty()) return 0;
+    // A file that is gone holds nothing newer; the write-back reports it.
+    std::error_code ec;
+    if (!std::filesystem::exists(persist_path_, ec)) return 0;
+    try {
+        fabric_.adapters = sim::load_fabric_file(persist_path_).adapters;
+        return 0;
+    } catch (const sim::FabricError& e) {
+        report(e.what());
+    }
+    return kIoError;
 }
 
 std::optional<int> Driver::enter(Op op) {

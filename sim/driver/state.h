@@ -46,7 +46,29 @@ public:
 
     sim::Fabric& fabric() { return fabric_; }
     // Write the fabric back to the file it came from, if any: 0 or kIoError.
+    // Each writer writes its own temporary file beside it and renames it
+    // over the file, so a reader never sees half a description.
     int persist();
+
+    // Changes of the description file by several processes: lock_file()
+    // takes an exclusive lock on <file>.lock (kept until the result is
+    // destroyed; nothing to lock when the fabric came from no file), and
+    // reread() then replaces the adapters with the file's, so that a change
+    // starts from every change other processes made before. Faults in force
+    // stay. Both answer 0 or kIoError (reported on standard error); a lock
+    // file that cannot be made is no error (the write-back will fail).
+    class FileLock {
+    public:
+        FileLock() = default;
+        FileLock(const FileLock&) = delete;
+        FileLock& operator=(const FileLock&) = delete;
+        ~FileLock();
+        void hold(int fd) { fd_ = fd; }
+    private:
+        int fd_ = -1;
+    };
+    int lock_file(FileLock& lock);
+    int reread();
 
     // Counts a call of op; when a fault hits it, the status to return.
     std::optional<int> enter(Op op);

@@ -29,7 +29,9 @@
 //
 // Intercepted: open, open64, openat, openat64, __open_2, __open64_2,
 // __openat_2, __openat64_2, fopen, fopen64, opendir, access, faccessat,
-// stat, lstat, stat64, lstat64, fstatat, fstatat64, statx, and the older
+// stat, lstat, stat64, lstat64, fstatat, fstatat64, statx, readlink,
+// readlinkat, realpath, canonicalize_file_name, scandir, scandir64, chdir,
+// and the older
 // glibc entry points __xstat, __lxstat, __xstat64, __lxstat64, __fxstatat,
 // __fxstatat64 that binaries built before glibc 2.33 call, and getxattr,
 // lgetxattr, listxattr, llistxattr (what "ls -l" asks). glibc's own
@@ -51,6 +53,10 @@
 //
 // Every redirected call is counted (files, directories, other lookups; see
 // mirvak_sim_redirected_files in redirect.h).
+//
+// The simulated tree's links are relative, as the kernel's are, so they
+// resolve inside the root; realpath and canonicalize_file_name give their
+// result without the root in front, as a path of the system.
 //
 // Adding a system path means adding one line to kPrefixes.
 
@@ -107,6 +113,15 @@ constexpr Prefix file(const char (&p)[N]) { return {p, N - 1, false}; }
 
 constexpr Prefix kPrefixes[] = {
     tree("/sys/class/fc_host"),
+    tree("/sys/class/scsi_host"),
+    tree("/sys/class/fc_remote_ports"),
+    tree("/sys/class/fc_transport"),
+    tree("/sys/class/scsi_device"),
+    tree("/sys/class/scsi_generic"),
+    tree("/sys/class/block"),
+    tree("/sys/block"),
+    tree("/sys/bus/scsi"),
+    tree("/sys/devices/pci0000:00"),
     file("/etc/hba.conf"),
 };
 
@@ -186,6 +201,18 @@ R forward(Fn real, const char* path, R failed, Call call, Use use = Use::Lookup)
 // Whether open/openat were given the optional mode argument.
 constexpr bool takes_mode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+// A resolved path below the root, written back without the root in front
+// (in place: it only gets shorter). Paths elsewhere stay as they are.
+char* strip_root(char* resolved) {
+    const char* root = getenv(sim::kRootEnv);
+    if (root == nullptr || root[0] == '\0') return resolved;
+    std::size_t len = strlen(root);
+    while (len > 1 && root[len - 1] == '/') --len;
+    if (strncmp(resolved, root, len) != 0 || resolved[len] != '/') return resolved;
+    memmove(resolved, resolved + len, strlen(resolved + len) + 1);
+    return resolved;
 }
 
 }  // namespace
@@ -413,6 +440,45 @@ ssize_t listxattr(const char* path, char* list, size_t size) noexcept {
 ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
     return forward(MIRVAK_NEXT(llistxattr), path, ssize_t{-1},
                    [&](auto real, const char* p) { return real(p, list, size); });
+}
+
+ssize_t readlink(const char* path, char* buf, size_t size) noexcept {
+    return forward(MIRVAK_NEXT(readlink), path, ssize_t{-1},
+                   [&](auto real, const char* p) { return real(p, buf, size); });
+}
+
+ssize_t readlinkat(int dirfd, const char* path, char* buf, size_t size) noexcept {
+    return forward(MIRVAK_NEXT(readlinkat), path, ssize_t{-1},
+                   [&](auto real, const char* p) { return real(dirfd, p, buf, size); });
+}
+
+int chdir(const char* path) noexcept {
+    return forward(MIRVAK_NEXT(chdir), path, -1, [&](auto real, const char* p) { return real(p); },
+                   Use::Directory);
+}
+
+int scandir(const char* path, struct dirent*** list, int (*select)(const struct dirent*),
+            int (*compare)(const struct dirent**, const struct dirent**)) {
+    return forward(MIRVAK_NEXT(scandir), path, -1,
+                   [&](auto real, const char* p) { return real(p, list, select, compare); }, Use::Directory);
+}
+
+int scandir64(const char* path, struct dirent64*** list, int (*select)(const struct dirent64*),
+              int (*compare)(const struct dirent64**, const struct dirent64**)) {
+    return forward(MIRVAK_NEXT(scandir64), path, -1,
+                   [&](auto real, const char* p) { return real(p, list, select, compare); }, Use::Directory);
+}
+
+char* realpath(const char* path, char* resolved) noexcept {
+    char* const out = forward(MIRVAK_NEXT(realpath), path, static_cast<char*>(nullptr),
+                              [&](auto real, const char* p) { return real(p, resolved); });
+    return out == nullptr ? out : strip_root(out);
+}
+
+char* canonicalize_file_name(const char* path) noexcept {
+    char* const out = forward(MIRVAK_NEXT(canonicalize_file_name), path, static_cast<char*>(nullptr),
+                              [&](auto real, const char* p) { return real(p); });
+    return out == nullptr ? out : strip_root(out);
 }
 
 // The third argument is passed on as a pointer, whatever it is, as libc's

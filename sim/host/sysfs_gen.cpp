@@ -1,26 +1,50 @@
-// Writes the host's view of a fabric: the fc_host class tree with the
-// remote-port, target, LUN and block entries below each SCSI host, and the
-// HBA API front library's configuration file.
+// Writes the host's view of a fabric in the shape the kernel publishes for
+// FC and FCoE hosts: the device tree, the class and bus views, the older
+// entry names beside the newer ones, plus the HBA API front library's
+// configuration file.
 //
-// Layout for a local node that got SCSI host H and a published remote node
-// with ordinal M (target T, LUN L, block device sdX):
+// For a local node that got SCSI host H and a published remote node with
+// ordinal M (target T, LUN L, block device sdX, generic device sgN):
 //
-//   sys/class/fc_host/hostH/{port_name,node_name,port_state,<extra attrs>}
-//   sys/class/fc_host/hostH/device/rport-H:0-M/
-//       fc_remote_ports:rport-H:0-M/{port_name,node_name,port_state,roles}
-//       targetH:0:T/H:0:T:L/{vendor,model,rev}
-//       targetH:0:T/H:0:T:L/block:sdX/size        (unless block_link is false)
-//       targetH:0:T/H:0:T:L/block/size            (when block_dir)
-//       targetH:0:T/H:0:T:L/block/sdX/size        (when block_dir)
+//   sys/class/fc_host/hostH/{port_name,node_name,port_id,port_type,
+//       port_state,speed,supported_speeds,supported_classes,fabric_name,
+//       symbolic_name,maxframe_size,max_npiv_vports,npiv_vports_inuse,
+//       dev_loss_tmo,tgtid_bind_type,manufacturer,model,serial_number,
+//       hardware_version,driver_version,firmware_version,<extra attrs>,
+//       statistics/}
+//   sys/class/fc_host/hostH/device/                  the SCSI host's folder
+//       fc_host/hostH -> the class entry above
+//       scsi_host/hostH/{proc_name,unique_id,state,device->}
+//       rport-H:0-M/fc_remote_ports/rport-H:0-M/{port_name,node_name,
+//           port_id,port_state,roles,scsi_target_id,supported_classes,
+//           dev_loss_tmo,fast_io_fail_tmo,device->}
+//       rport-H:0-M/fc_remote_ports:rport-H:0-M -> fc_remote_ports/rport-H:0-M
+//       rport-H:0-M/targetH:0:T/H:0:T:L/{vendor,model,rev,type,state}
+//           .../H:0:T:L/scsi_device/H:0:T:L/
+//           .../H:0:T:L/scsi_generic/sgN/dev, generic -> scsi_generic/sgN
+//           .../H:0:T:L/block/sdX/{dev,size,ro,removable,device->}
+//           .../H:0:T:L/block:sdX -> block/sdX   (unless block_link is false)
+//           .../H:0:T:L/block/size               (when block_dir)
+//   sys/devices/pci0000:00/0000:BB:DD.F/hostH -> the SCSI host's folder
+//       (one PCI function per adapter port: BB = 0x10 + the adapter's
+//       instance, DD.F the port number); a virtual port's host is
+//       .../hostP/vport-P:0-K/hostH below its physical port's host P
+//   sys/class/{scsi_host,fc_remote_ports,scsi_device,scsi_generic,block}/
+//       <name>, sys/block/sdX, sys/bus/scsi/devices/{hostH,targetH:0:T,
+//       H:0:T:L} -> the folders above
+//   sys/class/fc_transport/targetH:0:T/{port_name,node_name,port_id,device->}
 //   etc/hba.conf
 //   sim/sg.json        (the SCSI device index, see sg_index.h)
 //   sim/sg.stamp       (the index's length and hashes)
 //
-// A LUN's sysfs_name replaces H:0:T:L; vendor_text and size_text replace the
-// vendor and size files' contents.
-//
-// Unlike the kernel's tree, every entry here is a real directory or file
-// (no symbolic links), which is all the readers need.
+// The kernel keeps the real folders in the device tree and makes the class
+// entries links; here the folders lie where the plug-in walks them
+// (/sys/class/fc_host/hostH/device/...), so that every directory it opens
+// is the folder itself, and the device tree links to them. Every path the
+// kernel publishes resolves to the same folder either way. All links are
+// relative. A LUN's sysfs_name replaces H:0:T:L; vendor_text and size_text
+// replace the vendor and size files' contents. Where each value comes
+// from: sim/FABRIC.md.
 #include "sysfs_gen.h"
 
 #include "sg_index.h"
@@ -31,6 +55,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -136,7 +162,112 @@ std::string padded(const std::string& text, std::size_t width) {
 
 std::string decimal_line(unsigned long long v) { return std::to_string(v) + "\n"; }
 
-void write_lun(const fs::path& target_dir, const std::string& btl, const Lun& lun) {
+// A relative symbolic link at `link` to `target` (both below the root), as
+// the kernel's links are: they resolve inside whatever folder holds the tree.
+void make_link(const fs::path& link, const fs::path& target) {
+    std::error_code ec;
+    fs::create_directories(link.parent_path(), ec);
+    if (ec) fail(link.parent_path(), "cannot create directory", ec);
+    // Relative to where the link really lies (its folder may be reached
+    // through another link).
+    const fs::path from = fs::canonical(link.parent_path(), ec);
+    if (ec) fail(link.parent_path(), "cannot resolve", ec);
+    const fs::path to = fs::weakly_canonical(target, ec);
+    if (ec) fail(target, "cannot resolve", ec);
+    fs::create_symlink(to.lexically_relative(from), link, ec);
+    if (ec) fail(link, "cannot create link", ec);
+}
+
+// A link of a class or bus view (below root/sys/class, block or bus). Two
+// entries of the fabric may claim one name there (the same block device
+// name twice, the same LUN directory name below two targets): the first
+// keeps it, as the device index keeps the first device of a name.
+void view_link(const fs::path& link, const fs::path& target) {
+    std::error_code ec;
+    if (fs::symlink_status(link, ec).type() != fs::file_type::not_found) return;
+    make_link(link, target);
+}
+
+// A class device directory with its "device" link back to the device it
+// belongs to.
+fs::path class_device(const fs::path& device, const std::string& cls, const std::string& name) {
+    const fs::path dir = device / cls / name;
+    make_dirs(dir);
+    make_link(dir / "device", device);
+    return dir;
+}
+
+std::string hex_line(unsigned long long v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "0x%llx\n", v);
+    return buf;
+}
+
+std::string fcid_text(uint32_t fcid) {
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "0x%06x\n", fcid & 0xFFFFFFu);
+    return buf;
+}
+
+// The classes of service whose block has its top bit set, as the FC
+// transport class lists them.
+std::string classes_text(const std::array<uint8_t, 4>& cos) {
+    std::string s;
+    for (std::size_t i = 0; i < cos.size(); ++i) {
+        if ((cos[i] & 0x80) == 0) continue;
+        if (!s.empty()) s += ", ";
+        s += "Class " + std::to_string(i + 1);
+    }
+    return (s.empty() ? "Unspecified" : s) + "\n";
+}
+
+// The hardware record's port speed (Gbit/s) as the transport class names
+// it; "Unknown" for a code it has no name for.
+std::string speed_name(uint16_t gbit) {
+    switch (gbit) {
+        case 1: case 2: case 4: case 8: case 10: case 16: case 20: case 25: case 32: case 40: case 50:
+        case 64: case 100: case 128:
+            return std::to_string(gbit) + " Gbit";
+        default: return "Unknown";
+    }
+}
+
+// Major and minor numbers of a block device named like the SCSI disk
+// driver names them (sda = 8:0, sdb = 8:16, ..., sdq = 65:0, ...); other
+// names take the extended block major 259 and their ordinal.
+std::string block_dev(const std::string& name, unsigned ordinal) {
+    unsigned long n = 0;
+    bool disk = name.size() > 2 && name.compare(0, 2, "sd") == 0;
+    for (std::size_t i = 2; disk && i < name.size(); ++i) {
+        if (name[i] < 'a' || name[i] > 'z') disk = false;
+        else n = n * 26 + static_cast<unsigned long>(name[i] - 'a' + 1);
+    }
+    if (disk) --n;
+    if (disk && n < 128) {
+        const unsigned long major = n < 16 ? 8 : 64 + n / 16;
+        return std::to_string(major) + ":" + std::to_string((n % 16) * 16) + "\n";
+    }
+    return "259:" + std::to_string(ordinal) + "\n";
+}
+
+// The PCI function of an adapter port: bus 0x10 + the adapter's instance,
+// eight functions per device.
+std::string pci_function(uint32_t instance, uint8_t port) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "0000:%02x:%02x.%x", 0x10 + instance, port / 8, port % 8);
+    return buf;
+}
+
+// What the writer of one SCSI view counts across hosts.
+struct ViewState {
+    fs::path sys;                  // root/sys
+    unsigned next_sg = 0;          // sgN, in the order LUNs are written
+    unsigned next_extended = 0;    // minor numbers of major 259
+    std::vector<sg::Device> index;
+};
+
+void write_lun(ViewState& v, const fs::path& target_dir, const std::string& btl, const Lun& lun,
+               const RemoteNode& rn) {
     const std::string name = lun.sysfs_name ? *lun.sysfs_name : btl;
     check_name(name, "LUN");
     const fs::path dir = target_dir / name;
@@ -144,22 +275,29 @@ void write_lun(const fs::path& target_dir, const std::string& btl, const Lun& lu
     if (lun.has_vendor) write_file(dir / "vendor", lun.vendor_text ? *lun.vendor_text : padded(lun.vendor, 8));
     write_file(dir / "model", padded(lun.product, 16));
     write_file(dir / "rev", padded(lun.revision, 4));
+    write_file(dir / "type", "0\n");  // direct-access block device, as INQUIRY answers
+    write_file(dir / "state", rn.state.find("READY") != std::string::npos ? "running\n" : "offline\n");
+    view_link(v.sys / "bus" / "scsi" / "devices" / name, dir);
+    view_link(v.sys / "class" / "scsi_device" / name, class_device(dir, "scsi_device", name));
+    const std::string sg_name = "sg" + std::to_string(v.next_sg);
+    const fs::path sg_dir = class_device(dir, "scsi_generic", sg_name);
+    write_file(sg_dir / "dev", "21:" + std::to_string(v.next_sg++) + "\n");
+    make_link(dir / "generic", sg_dir);
+    view_link(v.sys / "class" / "scsi_generic" / sg_name, sg_dir);
     if (lun.block.empty()) return;
     check_name(lun.block, "block device");
     const std::string size = lun.size_text ? *lun.size_text : decimal_line(lun.size);
-    if (lun.block_link) {
-        const fs::path link = dir / ("block:" + lun.block);
-        make_dir(link);
-        write_file(link / "size", size);
-    }
-    if (lun.block_dir) {
-        // The newer layout: block/sdX/size. block/size beside it is what
-        // readers that cut "block:sdX" to "block" look for.
-        make_dir(dir / "block");
-        write_file(dir / "block" / "size", size);
-        make_dir(dir / "block" / lun.block);
-        write_file(dir / "block" / lun.block / "size", size);
-    }
+    const fs::path disk = class_device(dir, "block", lun.block);
+    write_file(disk / "dev", block_dev(lun.block, v.next_extended++));
+    write_file(disk / "size", size);
+    write_file(disk / "ro", "0\n");
+    write_file(disk / "removable", "0\n");
+    view_link(v.sys / "class" / "block" / lun.block, disk);
+    view_link(v.sys / "block" / lun.block, disk);
+    // The older name of the same directory.
+    if (lun.block_link) make_link(dir / ("block:" + lun.block), disk);
+    // block/size is what readers that cut "block:sdX" to "block" look for.
+    if (lun.block_dir) write_file(dir / "block" / "size", size);
 }
 
 // The device nodes of a target's LUNs for the SCSI device index, with the
@@ -199,20 +337,107 @@ void add_devices(std::vector<sg::Device>& index, const std::string& ht, const Re
     }
 }
 
-void write_host(const fs::path& class_dir, int h, const LocalNode& ln, std::vector<sg::Device>& index) {
-    const std::string hs = std::to_string(h);
-    const fs::path host = class_dir / ("host" + hs);
-    make_dir(host);
-    write_file(host / "port_name", ln.sysfs_port_name ? *ln.sysfs_port_name : wwn_text(ln.port_wwn));
-    write_file(host / "node_name", wwn_text(ln.node_wwn));
-    write_file(host / "port_state", port_state_text(ln.state));
+// The fc_host attributes and statistics of a local node, from the driver's
+// records for the same port (sim/FABRIC.md lists each source).
+void write_fc_host_attrs(const fs::path& dir, const Adapter& a, const LocalNode& ln) {
+    const bool live = ln.state == "READY";
+    const bool virtual_port = ln.parent.has_value();
+    write_file(dir / "port_name", ln.sysfs_port_name ? *ln.sysfs_port_name : wwn_text(ln.port_wwn));
+    write_file(dir / "node_name", wwn_text(ln.node_wwn));
+    write_file(dir / "port_id", fcid_text(ln.fcid));
+    write_file(dir / "port_type", !live           ? "Unknown\n"
+                                  : virtual_port ? "NPIV VPORT\n"
+                                                 : "NPort (fabric via point-to-point)\n");
+    write_file(dir / "port_state", port_state_text(ln.state));
+    std::string speed = "Unknown";
+    if (ln.port_num < a.hw.ports.size() && a.hw.ports[ln.port_num].enabled != 0)
+        speed = speed_name(a.hw.ports[ln.port_num].speed);
+    write_file(dir / "supported_speeds", speed + "\n");
+    write_file(dir / "speed", (live ? speed : std::string("Unknown")) + "\n");
+    write_file(dir / "supported_classes", classes_text(ln.cos));
+    Wwn fabric{};
+    uint16_t frame = 0;
+    for (const Fcf& f : a.fcfs) {
+        if (f.fcf_index != ln.fcf_index) continue;
+        fabric = f.fabric_name;
+        frame = f.max_frame_size;
+        break;
+    }
+    write_file(dir / "fabric_name", wwn_text(fabric));
+    write_file(dir / "maxframe_size", std::to_string(frame) + " bytes\n");
+    char fw[16];
+    std::snprintf(fw, sizeof fw, "%08X", a.hw.fw_version);
+    write_file(dir / "symbolic_name", a.hw.model + " FW:" + fw + " DVR:" + a.hw.drv_version + "\n");
+    std::size_t vports = 0;
+    for (const LocalNode& other : a.lnodes)
+        if (other.parent && *other.parent == ln.port_wwn) ++vports;
+    write_file(dir / "max_npiv_vports", decimal_line(virtual_port ? 0 : a.npiv.max_vports));
+    write_file(dir / "npiv_vports_inuse", decimal_line(virtual_port ? 0 : vports));
+    write_file(dir / "dev_loss_tmo", "60\n");
+    write_file(dir / "tgtid_bind_type", "wwpn (World Wide Port Name)\n");
+    write_file(dir / "manufacturer", a.hw.manufacturer + "\n");
+    write_file(dir / "model", a.hw.model + "\n");
+    write_file(dir / "serial_number", a.hw.serial_num + "\n");
+    write_file(dir / "hardware_version", a.hw.hw_version + "\n");
+    write_file(dir / "driver_version", a.hw.drv_version + "\n");
+    write_file(dir / "firmware_version", hex_line(a.hw.fw_version));
     for (const auto& [name, content] : ln.sysfs_attrs) {
         check_name(name, "fc_host attribute");
-        write_file(host / name, content);
+        write_file(dir / name, content);
     }
 
-    const fs::path device = host / "device";
+    // The frame and word counters are the local-node record's; the driver
+    // keeps no other counter the transport class names.
+    const fs::path stats = dir / "statistics";
+    make_dir(stats);
+    const std::pair<const char*, uint64_t> counters[] = {
+        {"tx_frames", ln.quads[1]}, {"tx_words", ln.quads[0]},
+        {"rx_frames", ln.quads[3]}, {"rx_words", ln.quads[2]},
+        {"lip_count", 0}, {"nos_count", 0}, {"error_frames", 0}, {"dumped_frames", 0},
+        {"link_failure_count", 0}, {"loss_of_sync_count", 0}, {"loss_of_signal_count", 0},
+        {"prim_seq_protocol_err_count", 0}, {"invalid_tx_word_count", 0}, {"invalid_crc_count", 0},
+        {"seconds_since_last_reset", 0}, {"fcp_input_requests", 0}, {"fcp_output_requests", 0},
+        {"fcp_control_requests", 0}, {"fcp_input_megabytes", 0}, {"fcp_output_megabytes", 0},
+        {"fcp_packet_alloc_failures", 0}, {"fcp_packet_aborts", 0}, {"fcp_frame_alloc_failures", 0},
+    };
+    for (const auto& [name, value] : counters) write_file(stats / name, hex_line(value));
+}
+
+void write_rport_attrs(const fs::path& dir, const RemoteNode& rn, std::optional<uint32_t> target) {
+    write_file(dir / "port_name", rn.sysfs_port_name ? *rn.sysfs_port_name : wwn_text(rn.port_wwn));
+    write_file(dir / "node_name", wwn_text(rn.node_wwn));
+    write_file(dir / "port_id", fcid_text(rn.fcid));
+    write_file(dir / "port_state", port_state_text(rn.state));
+    write_file(dir / "roles", roles_text(rn.role));
+    write_file(dir / "scsi_target_id", target ? decimal_line(*target) : "-1\n");
+    write_file(dir / "supported_classes", classes_text(rn.cos));
+    write_file(dir / "dev_loss_tmo", "60\n");
+    write_file(dir / "fast_io_fail_tmo", "off\n");
+}
+
+// One SCSI host: `device` is its device directory (.../hostH).
+// The SCSI host's device directory lies below its fc_host class entry, as
+// class/fc_host/hostH/device, and the device tree's hostH is a link to it:
+// the plug-in's readers meet real directories on the paths they walk (the
+// kernel has it the other way round; every path resolves the same).
+void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln) {
+    const std::string hs = std::to_string(h);
+    const std::string host_name = "host" + hs;
+    const fs::path fc_host = v.sys / "class" / "fc_host" / host_name;
+    const fs::path device = fc_host / "device";
+    make_dir(fc_host);
     make_dir(device);
+    view_link(v.sys / "bus" / "scsi" / "devices" / host_name, device);
+
+    const fs::path scsi_host = class_device(device, "scsi_host", host_name);
+    write_file(scsi_host / "proc_name", "tuskstor\n");
+    write_file(scsi_host / "unique_id", decimal_line(static_cast<unsigned>(h)));
+    write_file(scsi_host / "state", "running\n");
+    view_link(v.sys / "class" / "scsi_host" / host_name, scsi_host);
+
+    write_fc_host_attrs(fc_host, a, ln);
+    make_link(device / "fc_host" / host_name, fc_host);
+
     uint32_t rport_ordinal = 0;
     uint32_t target_ordinal = 0;
     for (const RemoteNode& rn : ln.rnodes) {
@@ -220,22 +445,37 @@ void write_host(const fs::path& class_dir, int h, const LocalNode& ln, std::vect
         const std::string rport_name = "rport-" + hs + ":0-" + std::to_string(rport_ordinal++);
         const fs::path rport = device / rport_name;
         make_dir(rport);
-        const fs::path remote = rport / ("fc_remote_ports:" + rport_name);
-        make_dir(remote);
-        write_file(remote / "port_name",
-                   rn.sysfs_port_name ? *rn.sysfs_port_name : wwn_text(rn.port_wwn));
-        write_file(remote / "node_name", wwn_text(rn.node_wwn));
-        write_file(remote / "port_state", port_state_text(rn.state));
-        write_file(remote / "roles", roles_text(rn.role));
+        const bool target = lower(rn.role) == "target";
+        std::optional<uint32_t> t;
+        if (target) {
+            t = rn.scsi_target ? *rn.scsi_target : target_ordinal;
+            ++target_ordinal;  // an explicit number takes an ordinal too
+        }
+        const fs::path remote = class_device(rport, "fc_remote_ports", rport_name);
+        write_rport_attrs(remote, rn, t);
+        make_link(rport / ("fc_remote_ports:" + rport_name), remote);
+        view_link(v.sys / "class" / "fc_remote_ports" / rport_name, remote);
 
-        if (lower(rn.role) != "target") continue;
-        const uint32_t t = rn.scsi_target ? *rn.scsi_target : target_ordinal;
-        ++target_ordinal;
-        const std::string ht = hs + ":0:" + std::to_string(t);
-        const fs::path target = rport / ("target" + ht);
-        make_dir(target);
-        for (const Lun& lun : rn.luns) write_lun(target, ht + ":" + std::to_string(lun.lun), lun);
-        add_devices(index, ht, rn);
+        if (!target) continue;
+        const std::string ht = hs + ":0:" + std::to_string(*t);
+        const fs::path target_dir = rport / ("target" + ht);
+        make_dir(target_dir);
+        view_link(v.sys / "bus" / "scsi" / "devices" / ("target" + ht), target_dir);
+        // The kernel keeps this class device in the target's directory; here
+        // it lives in the class folder itself (with its "device" link to
+        // the target), since readers of the target's directory take every
+        // entry in it for a LUN.
+        const fs::path transport = v.sys / "class" / "fc_transport" / ("target" + ht);
+        std::error_code ec;
+        if (!fs::exists(transport, ec)) {
+            make_dirs(transport);
+            make_link(transport / "device", target_dir);
+            write_file(transport / "port_name", wwn_text(rn.port_wwn));
+            write_file(transport / "node_name", wwn_text(rn.node_wwn));
+            write_file(transport / "port_id", fcid_text(rn.fcid));
+        }
+        for (const Lun& lun : rn.luns) write_lun(v, target_dir, ht + ":" + std::to_string(lun.lun), lun, rn);
+        add_devices(v.index, ht, rn);
     }
 }
 
@@ -311,21 +551,67 @@ fs::path checked_root(const std::string& root) {
     return base;
 }
 
-// root/sys/class/fc_host and root/sim, written afresh.
-void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<HostAssignment>& hosts) {
-    const fs::path class_dir = base / "sys" / "class" / "fc_host";
-    const fs::path sg_dir = base / sg::kIndexDir;
-    remove_tree(class_dir);
-    remove_tree(sg_dir);
-    std::vector<sg::Device> index;
+// The device directory of every SCSI host: a physical port's below the PCI
+// function of its adapter port, a virtual port's below its physical port's
+// host (vport-P:0-K/hostH), as the kernel places them.
+std::vector<fs::path> host_devices(const Fabric& f, const fs::path& sys, const std::vector<HostAssignment>& hosts) {
+    std::vector<fs::path> out(hosts.size());
+    std::map<std::pair<std::size_t, Wwn>, std::size_t> physical;  // (adapter, WWPN) -> position in hosts
+    for (std::size_t i = 0; i < hosts.size(); ++i) {
+        const LocalNode& ln = f.adapters[hosts[i].adapter].lnodes[hosts[i].lnode];
+        if (!ln.parent) physical.emplace(std::make_pair(hosts[i].adapter, ln.port_wwn), i);
+    }
+    std::map<std::size_t, unsigned> vports;  // physical host position -> virtual ports placed
+    for (std::size_t i = 0; i < hosts.size(); ++i) {
+        const Adapter& a = f.adapters[hosts[i].adapter];
+        const LocalNode& ln = a.lnodes[hosts[i].lnode];
+        const std::string name = "host" + std::to_string(hosts[i].host);
+        const auto parent = ln.parent ? physical.find({hosts[i].adapter, *ln.parent}) : physical.end();
+        if (parent != physical.end()) {
+            const std::size_t p = parent->second;
+            const fs::path parent_dir = sys / "devices" / "pci0000:00" /
+                                        pci_function(a.instance, a.lnodes[hosts[p].lnode].port_num) /
+                                        ("host" + std::to_string(hosts[p].host));
+            out[i] = parent_dir / ("vport-" + std::to_string(hosts[p].host) + ":0-" + std::to_string(vports[p]++)) / name;
+        } else {
+            out[i] = sys / "devices" / "pci0000:00" / pci_function(a.instance, ln.port_num) / name;
+        }
+    }
+    return out;
+}
 
-    make_dirs(class_dir);
-    for (const HostAssignment& h : hosts)
-        write_host(class_dir, h.host, f.adapters[h.adapter].lnodes[h.lnode], index);
+// The views written below root/sys, each removed before it is written again.
+constexpr const char* kViews[] = {"devices", "class/fc_host", "class/scsi_host", "class/fc_remote_ports",
+                                  "class/fc_transport", "class/scsi_device", "class/scsi_generic",
+                                  "class/block", "block", "bus/scsi"};
+
+// root/sys and root/sim, written afresh.
+void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<HostAssignment>& hosts) {
+    ViewState v;
+    v.sys = base / "sys";
+    const fs::path sg_dir = base / sg::kIndexDir;
+    for (const char* view : kViews) remove_tree(v.sys / view);
+    remove_tree(sg_dir);
+
+    make_dirs(v.sys / "class" / "fc_host");
+    for (const HostAssignment& h : hosts) {
+        const Adapter& a = f.adapters[h.adapter];
+        write_host(v, h.host, a, a.lnodes[h.lnode]);
+    }
+    // The device tree: physical ports' hosts first, then the virtual ports'
+    // below them (their folders are reached through the physical ports'
+    // links).
+    const std::vector<fs::path> devices = host_devices(f, v.sys, hosts);
+    for (const bool virtual_ports : {false, true})
+        for (std::size_t i = 0; i < hosts.size(); ++i) {
+            const bool is_virtual = devices[i].parent_path().filename().string().rfind("vport-", 0) == 0;
+            if (is_virtual != virtual_ports) continue;
+            make_link(devices[i], v.sys / "class" / "fc_host" / ("host" + std::to_string(hosts[i].host)) / "device");
+        }
 
     make_dirs(sg_dir);
     const std::string text =
-        sg::index_to_json(index).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+        sg::index_to_json(v.index).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
     write_file(base / sg::kIndexFile, text);
     write_file(base / sg::kStampFile, index_stamp(text));
 }

@@ -408,7 +408,10 @@ TEST_F(DriverNpivTest, FailedWriteBackUndoesTheChange) {
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(tusk_create_npiv_port(h, &r), -EIO);
     const std::string message = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(message.rfind("libtuskstor (simulated): cannot write " + path + ".tmp: ", 0), 0u) << message;
+    // Each writer writes a temporary file of its own: <file>.tmp.<pid>.<n>.
+    EXPECT_EQ(message.rfind("libtuskstor (simulated): cannot write " + path + ".tmp." + std::to_string(getpid()) + ".", 0),
+              0u)
+        << message;
     EXPECT_EQ(Chain(h).size(), 4u);
 }
 

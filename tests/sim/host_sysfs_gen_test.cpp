@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "sysfs_gen.h"
 #include "temp_dir.h"
@@ -62,16 +64,31 @@ protected:
     fs::path root = dir.path();
     fs::path fc_host = root / "sys" / "class" / "fc_host";
 
-    // Every entry below root/sys/class/fc_host, relative to it; directories
-    // end in "/".
+    // Every entry reachable below root/sys/class/fc_host, relative to it,
+    // following links as a reader does; directories end in "/". A link back
+    // to a directory already on the way (the "device" link of a class
+    // device) is listed but not entered again.
     std::set<std::string> tree() const {
         std::set<std::string> out;
-        for (const auto& e : fs::recursive_directory_iterator(fc_host)) {
-            std::string rel = fs::relative(e.path(), fc_host).string();
-            if (e.is_directory()) rel += "/";
-            out.insert(rel);
-        }
+        std::vector<fs::path> way;
+        walk(fc_host, "", way, out);
         return out;
+    }
+
+    static void walk(const fs::path& dir, const std::string& rel, std::vector<fs::path>& way,
+                     std::set<std::string>& out) {
+        way.push_back(fs::canonical(dir));
+        for (const auto& e : fs::directory_iterator(dir)) {
+            const std::string name = rel + e.path().filename().string();
+            if (!e.is_directory()) {
+                out.insert(name);
+                continue;
+            }
+            out.insert(name + "/");
+            if (std::find(way.begin(), way.end(), fs::canonical(e.path())) == way.end())
+                walk(e.path(), name + "/", way, out);
+        }
+        way.pop_back();
     }
 
     // The exact bytes of a file below root; nullopt when it does not exist.
@@ -102,35 +119,159 @@ TEST_F(HostSysfsGen, OneHostExactTree) {
 
     sim::generate_host(fabric_of({ln}), root.string());
 
+    // Seen through the class entry, as the plug-in reads it: the fc_host
+    // attributes, and through its "device" link the SCSI host with its
+    // remote ports, targets and LUNs, the older names beside the newer.
     const std::set<std::string> expected = {
         "host0/",
-        "host0/port_name",
-        "host0/node_name",
-        "host0/port_state",
+        "host0/dev_loss_tmo",
         "host0/device/",
+        "host0/device/fc_host/",
+        "host0/device/fc_host/host0/",
         "host0/device/rport-0:0-0/",
+        "host0/device/rport-0:0-0/fc_remote_ports/",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/dev_loss_tmo",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/device/",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/fast_io_fail_tmo",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/node_name",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/port_id",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/port_name",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/port_state",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/roles",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/scsi_target_id",
+        "host0/device/rport-0:0-0/fc_remote_ports/rport-0:0-0/supported_classes",
         "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/",
-        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/port_name",
+        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/dev_loss_tmo",
+        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/device/",
+        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/fast_io_fail_tmo",
         "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/node_name",
+        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/port_id",
+        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/port_name",
         "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/port_state",
         "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/roles",
+        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/scsi_target_id",
+        "host0/device/rport-0:0-0/fc_remote_ports:rport-0:0-0/supported_classes",
         "host0/device/rport-0:0-0/target0:0:0/",
         "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/",
-        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/vendor",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb/dev",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb/device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb/removable",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb/ro",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb/size",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/dev",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/removable",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/ro",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/size",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/generic/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/generic/dev",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/generic/device/",
         "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/model",
         "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/rev",
-        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/",
-        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block:sdb/size",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/scsi_device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/scsi_device/0:0:0:0/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/scsi_device/0:0:0:0/device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/scsi_generic/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/scsi_generic/sg0/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/scsi_generic/sg0/dev",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/scsi_generic/sg0/device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/state",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/type",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:0/vendor",
         "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/",
-        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/vendor",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/generic/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/generic/dev",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/generic/device/",
         "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/model",
         "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/rev",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/scsi_device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/scsi_device/0:0:0:3/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/scsi_device/0:0:0:3/device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/scsi_generic/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/scsi_generic/sg1/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/scsi_generic/sg1/dev",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/scsi_generic/sg1/device/",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/state",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/type",
+        "host0/device/rport-0:0-0/target0:0:0/0:0:0:3/vendor",
         "host0/device/rport-0:0-1/",
+        "host0/device/rport-0:0-1/fc_remote_ports/",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/dev_loss_tmo",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/device/",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/fast_io_fail_tmo",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/node_name",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/port_id",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/port_name",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/port_state",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/roles",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/scsi_target_id",
+        "host0/device/rport-0:0-1/fc_remote_ports/rport-0:0-1/supported_classes",
         "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/",
-        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/port_name",
+        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/dev_loss_tmo",
+        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/device/",
+        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/fast_io_fail_tmo",
         "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/node_name",
+        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/port_id",
+        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/port_name",
         "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/port_state",
         "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/roles",
+        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/scsi_target_id",
+        "host0/device/rport-0:0-1/fc_remote_ports:rport-0:0-1/supported_classes",
+        "host0/device/scsi_host/",
+        "host0/device/scsi_host/host0/",
+        "host0/device/scsi_host/host0/device/",
+        "host0/device/scsi_host/host0/proc_name",
+        "host0/device/scsi_host/host0/state",
+        "host0/device/scsi_host/host0/unique_id",
+        "host0/driver_version",
+        "host0/fabric_name",
+        "host0/firmware_version",
+        "host0/hardware_version",
+        "host0/manufacturer",
+        "host0/max_npiv_vports",
+        "host0/maxframe_size",
+        "host0/model",
+        "host0/node_name",
+        "host0/npiv_vports_inuse",
+        "host0/port_id",
+        "host0/port_name",
+        "host0/port_state",
+        "host0/port_type",
+        "host0/serial_number",
+        "host0/speed",
+        "host0/statistics/",
+        "host0/statistics/dumped_frames",
+        "host0/statistics/error_frames",
+        "host0/statistics/fcp_control_requests",
+        "host0/statistics/fcp_frame_alloc_failures",
+        "host0/statistics/fcp_input_megabytes",
+        "host0/statistics/fcp_input_requests",
+        "host0/statistics/fcp_output_megabytes",
+        "host0/statistics/fcp_output_requests",
+        "host0/statistics/fcp_packet_aborts",
+        "host0/statistics/fcp_packet_alloc_failures",
+        "host0/statistics/invalid_crc_count",
+        "host0/statistics/invalid_tx_word_count",
+        "host0/statistics/link_failure_count",
+        "host0/statistics/lip_count",
+        "host0/statistics/loss_of_signal_count",
+        "host0/statistics/loss_of_sync_count",
+        "host0/statistics/nos_count",
+        "host0/statistics/prim_seq_protocol_err_count",
+        "host0/statistics/rx_frames",
+        "host0/statistics/rx_words",
+        "host0/statistics/seconds_since_last_reset",
+        "host0/statistics/tx_frames",
+        "host0/statistics/tx_words",
+        "host0/supported_classes",
+        "host0/supported_speeds",
+        "host0/symbolic_name",
+        "host0/tgtid_bind_type",
     };
     EXPECT_EQ(tree(), expected);
 
@@ -249,7 +390,10 @@ TEST_F(HostSysfsGen, RportAndTargetOrdinalsCountPublishedEntriesOnly) {
     const fs::path dev = fc_host / "host3/device";
     std::set<std::string> rports;
     for (const auto& e : fs::directory_iterator(dev)) rports.insert(e.path().filename().string());
-    EXPECT_EQ(rports, (std::set<std::string>{"rport-3:0-0", "rport-3:0-1", "rport-3:0-2", "rport-3:0-3"}));
+    // The SCSI host's device directory: its remote ports beside its two
+    // class devices.
+    EXPECT_EQ(rports, (std::set<std::string>{"rport-3:0-0", "rport-3:0-1", "rport-3:0-2", "rport-3:0-3",
+                                             "fc_host", "scsi_host"}));
     EXPECT_EQ(read("sys/class/fc_host/host3/device/rport-3:0-0/fc_remote_ports:rport-3:0-0/port_name"),
               "0x0000000000000051\n");
     EXPECT_TRUE(fs::is_directory(dev / "rport-3:0-0/target3:0:0/3:0:0:1/block:sdb"));
@@ -260,7 +404,7 @@ TEST_F(HostSysfsGen, RportAndTargetOrdinalsCountPublishedEntriesOnly) {
     std::set<std::string> initiator_entries;
     for (const auto& e : fs::directory_iterator(dev / "rport-3:0-1"))
         initiator_entries.insert(e.path().filename().string());
-    EXPECT_EQ(initiator_entries, (std::set<std::string>{"fc_remote_ports:rport-3:0-1"}));
+    EXPECT_EQ(initiator_entries, (std::set<std::string>{"fc_remote_ports", "fc_remote_ports:rport-3:0-1"}));
     EXPECT_EQ(read("sys/class/fc_host/host3/device/rport-3:0-2/fc_remote_ports:rport-3:0-2/roles"),
               "FCP Target\n");
     EXPECT_TRUE(fs::is_directory(dev / "rport-3:0-2/target3:0:7/3:0:7:0/block:sdc"));
@@ -316,7 +460,10 @@ TEST_F(HostSysfsGen, BlockDirectoryAlsoCarriesTheSize) {
     EXPECT_EQ(read(tgt / "0:0:0:0/block:sdc/size"), "18446744073709551615\n");
     EXPECT_EQ(read(tgt / "0:0:0:0/block/size"), "18446744073709551615\n");
     EXPECT_EQ(read(tgt / "0:0:0:1/block:sdd/size"), "0\n");
-    EXPECT_FALSE(fs::exists(root / tgt / "0:0:0:1/block"));
+    // Without block_dir the block directory holds the device alone.
+    std::set<std::string> block;
+    for (const auto& e : fs::directory_iterator(root / tgt / "0:0:0:1/block")) block.insert(e.path().filename().string());
+    EXPECT_EQ(block, (std::set<std::string>{"sdd"}));
 }
 
 TEST_F(HostSysfsGen, BlockDirectoryHasTheNewerLayoutToo) {
@@ -333,8 +480,12 @@ TEST_F(HostSysfsGen, BlockDirectoryHasTheNewerLayoutToo) {
     std::set<std::string> below;
     for (const std::string& e : tree())
         if (e.size() > l0.size() && e.rfind(l0, 0) == 0) below.insert(e.substr(l0.size()));
-    EXPECT_EQ(below, (std::set<std::string>{"vendor", "model", "rev", "block/", "block/size", "block/sdc/",
-                                            "block/sdc/size"}));
+    EXPECT_EQ(below, (std::set<std::string>{"vendor", "model", "rev", "type", "state", "block/", "block/size",
+                                            "block/sdc/", "block/sdc/size", "block/sdc/dev", "block/sdc/device/",
+                                            "block/sdc/ro", "block/sdc/removable", "generic/", "generic/dev",
+                                            "generic/device/", "scsi_device/", "scsi_device/0:0:0:0/",
+                                            "scsi_device/0:0:0:0/device/", "scsi_generic/", "scsi_generic/sg0/",
+                                            "scsi_generic/sg0/dev", "scsi_generic/sg0/device/"}));
     EXPECT_EQ(read("sys/class/fc_host/" + l0 + "block/sdc/size"), "77\n");
 }
 
