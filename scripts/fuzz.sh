@@ -25,16 +25,16 @@ targets=("$@")
 export ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1:max_allocation_size_mb=512:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 for t in "${targets[@]}"; do
-  corpus="build-fuzz/corpus/$t"
-  crashes="build-fuzz/crashes/$t"
+  corpus="$PWD/build-fuzz/corpus/$t"
+  crashes="$PWD/build-fuzz/crashes/$t"
   mkdir -p "$corpus" "$crashes"
   args=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1
         -artifact_prefix="$crashes/")
-  [ -f "fuzz/dict/$t.dict" ] && args+=(-dict="fuzz/dict/$t.dict")
+  [ -f "fuzz/dict/$t.dict" ] && args+=(-dict="$PWD/fuzz/dict/$t.dict")
   case "$t" in
     snapshot_decode) args+=(-max_len=262144) ;;
     command_line) args+=(-close_fd_mask=3) ;;
   esac
   echo "== fuzz_$t: $seconds s"
-  build-fuzz/fuzz/fuzz_"$t" "${args[@]}" "$corpus" "fuzz/corpus/$t" 2>&1 | tail -n 20
+  build-fuzz/fuzz/fuzz_"$t" "${args[@]}" "$corpus" "$PWD/fuzz/corpus/$t" 2>&1 | grep -v -E "^#[0-9]+\s+(NEW|REDUCE|pulse|RELOAD)" | tail -n 40
 done

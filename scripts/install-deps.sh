@@ -9,6 +9,7 @@ packages=(
   libhbaapi-dev libhbaapi2
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
+  clang-14 libfuzzer-14-dev
 )
 
 missing=()

@@ -26,6 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
 }
 
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size, unsigned int seed) {
+    using namespace mv::snapshot;
     std::minstd_rand rng(seed);
     static const std::size_t kRecords[] = {sizeof(adapter_record), sizeof(port_record), sizeof(remote_record),
                                            sizeof(lun_record)};
