@@ -102,6 +102,18 @@ uint32_t index_cursor(uint32_t in, Chain chain) {
     return in + 1;
 }
 
+// The fields of a local node both lnode queries answer: node WWN, state,
+// identifiers, remote-node and virtual-port counts, the error flag.
+void lnode_fields(lnode_info& n) {
+    std::memcpy(n.node_wwn, wwn(next_byte()), 8);
+    word(n.state, sizeof n.state, kStates, 8);
+    n.lnode_id = next_byte() % 4;
+    n.fcf_index = next_byte() % 4;
+    n.num_rnodes = count_choice();
+    n.lnode_word_28 = count_choice();
+    n.lnode_flag = next_byte() % 8 == 7;
+}
+
 }  // namespace
 
 void begin(const uint8_t* data, std::size_t size) {
@@ -199,13 +211,7 @@ int tusk_get_lnode_info(uint32_t handle, void* area, uint64_t cursor) {
     }
     n.port_num = next_byte() % 6;
     std::memcpy(n.port_wwn, wwn(next_byte()), 8);
-    std::memcpy(n.node_wwn, wwn(next_byte()), 8);
-    word(n.state, sizeof n.state, kStates, 8);
-    n.lnode_id = next_byte() % 4;
-    n.fcf_index = next_byte() % 4;
-    n.num_rnodes = count_choice();
-    n.lnode_word_28 = count_choice();
-    n.lnode_flag = next_byte() % 8 == 7;
+    lnode_fields(n);
     n.cos[next_byte() % 4].flags = 0x80;
     patch(&n, sizeof n);
     return 0;
@@ -220,13 +226,7 @@ int tusk_get_lnode_info_by_fcid(uint32_t handle, void* area, int) {
     std::memcpy(key, n.port_wwn, 8);
     n.lnode_handle = next_byte();
     std::memcpy(n.port_wwn, key, 8);
-    std::memcpy(n.node_wwn, wwn(next_byte()), 8);
-    word(n.state, sizeof n.state, kStates, 8);
-    n.lnode_id = next_byte() % 4;
-    n.fcf_index = next_byte() % 4;
-    n.num_rnodes = count_choice();
-    n.lnode_word_28 = count_choice();
-    n.lnode_flag = next_byte() % 8 == 7;
+    lnode_fields(n);
     patch(&n, sizeof n);
     return 0;
 }
