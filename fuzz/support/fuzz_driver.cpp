@@ -239,7 +239,9 @@ int tusk_get_rnode_info(uint32_t handle, void* area, uint32_t cursor, uint32_t) 
     if (const int s = status()) return s;
     r.rnode_index = index_cursor(cursor, kRemote);
     if (exhausted) {
-        std::memcpy(r.role, "target", 6);
+        // An endless chain of initiators: every walk must still end (its
+        // bound), without a target list or snapshot of gigabytes.
+        std::memcpy(r.role, "initiator", 9);
         std::memcpy(r.port_wwn, kWwns[(cursor + 1) % 4], 8);
         std::memcpy(r.state, "READY", 5);
         return 0;
