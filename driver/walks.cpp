@@ -3,7 +3,8 @@
 namespace mv {
 
 FcfResult find_fcf(uint32_t handle, uint32_t wanted, fcf_info& rec, uint32_t& cursor) {
-    for (;;) {
+    for (uint32_t read = 0;; ++read) {
+        if (read == kMaxFcfs) return {FcfFound::Exhausted, 0};
         const int status = tusk_get_fcf_info(handle, &rec, cursor);
         if (status != 0) return {FcfFound::DriverFailed, status};
         cursor = rec.fcf_index;

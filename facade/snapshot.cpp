@@ -18,6 +18,7 @@
 #include "host/sysfs_view.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
+#include "mgmt/lun_fill.h"
 #include "mirvak/mv_fcoe_ini.h"
 #include "mirvak/snapshot_records.h"
 
@@ -312,8 +313,7 @@ bool AdapterWalk::physical_remotes(uint32_t p, const port_info& local, uint32_t 
             if (!out_.append(&rec, sizeof rec)) return false;
             continue;
         }
-        int unused = 0;
-        const HBA_UINT32 st = mirvak_GetKXLunInfo(handle_, &key, luns.data(), &unused);
+        const HBA_UINT32 st = mv::kx_lun_info(handle_, &key, luns.data(), luns.count());
         // An answer that filled no record at all counts as no LUNs.
         bool empty = true;
         const auto* bytes = reinterpret_cast<const unsigned char*>(luns.data());

@@ -10,6 +10,7 @@
 #include "host/sysfs_view.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
+#include "mgmt/lun_fill.h"
 #include "mirvak/mv_fcoe_ini.h"
 
 using mv::facade::AdapterName;
@@ -201,7 +202,7 @@ int MvFCoEIni::GetLunInfo(vport_in* key, char** buf, unsigned int* size) {
 
     Array<lun_info> luns(static_cast<unsigned int>(count));
     if (!luns.ok()) return req.fail(FCOE_ERR_NO_MEMORY);
-    if (mirvak_GetKXLunInfo(req.handle(), key, luns.data(), &count) != 0) return req.fail(FCOE_ERR_LUN_INFO);
+    if (mv::kx_lun_info(req.handle(), key, luns.data(), luns.count()) != 0) return req.fail(FCOE_ERR_LUN_INFO);
     stamp_luns(luns.data(), luns.count(), *key, req.name());
     if (!mv::facade::answer_block(buf, size, luns.data(), luns.bytes())) return req.fail(FCOE_ERR_NO_MEMORY);
     return req.finish(FCOE_OK);

@@ -1,6 +1,8 @@
 // LUN information: the logical units the host sees behind one target
 // remote port of a local or virtual port. The driver names the pair of
 // ports; the host's SCSI view (sysfs) gives the LUNs.
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -12,6 +14,7 @@
 #include "mirvak/host_view.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
+#include "mgmt/lun_fill.h"
 
 namespace {
 
@@ -65,11 +68,19 @@ LunSearch search_luns(HBA_HANDLE handle, const vport_in& key, Announce&& announc
 }  // namespace
 
 HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info* luns, int*) {
+    return mv::kx_lun_info(handle, key, luns, SIZE_MAX);
+}
+
+HBA_UINT32 mv::kx_lun_info(HBA_HANDLE handle, const vport_in* key, lun_info* luns, std::size_t capacity) {
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     // The LUNs are counted, then listed: each sysfs file read once.
     mv::host::SysfsRequest sysfs;
     if (both_wwns_given(*key)) {
-        getLuninfo(luns, charArrayToLong(key->vport_wwpn), charArrayToLong(key->rport_wwpn));
+        // As getLuninfo(luns, local, remote): no more records than a silent
+        // count finds, and no more than the caller has room for.
+        const unsigned long local = charArrayToLong(key->vport_wwpn);
+        const unsigned long remote = charArrayToLong(key->rport_wwpn);
+        getLuninfo(luns, local, remote, std::min(mv::count_luns_quietly(local, remote), capacity));
         return HBA_STATUS_OK;
     }
     // Each node of the port that has the target fills the array again and
@@ -89,6 +100,7 @@ HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info*
     std::size_t room = 0;
     for (const Event& e : events)
         if (!e.announce) room = mv::count_luns_quietly(e.local, e.remote);
+    room = std::min(room, capacity);
     for (const Event& e : events) {
         if (e.announce)
             std::puts("Found LNode for LUN Discovery");

@@ -1,5 +1,6 @@
 // Remote ports: the FCoE fields of the target remote ports a local port
 // sees. Only remote ports whose role is "target" are ever reported.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -217,20 +218,29 @@ HBA_UINT32 mirvak_GetAllRPortsForVPort(HBA_HANDLE handle, const unsigned char* w
     port_info* list = nullptr;
     port_stats* counters = nullptr;
     uint32_t n = 0;
+    // The arrays grow by doubling (room for `room` records), not one record
+    // a target: a long list must not be copied once per target.
+    std::size_t room = 0;
     bool no_memory = false;
     rnode_info remote;
     mv::walk_rnodes(handle, node.lnode_id, remote, [&](rnode_info& r) {
         if (uninit || mv::rnode_gone(r) || !mv::is_target(r)) return true;
-        auto* grown = static_cast<port_info*>(std::realloc(list, (std::size_t{n} + 1) * sizeof(port_info)));
-        if (grown == nullptr) return !(no_memory = true);
-        list = grown;
+        const bool full = n == room;
+        const std::size_t more_room = full ? std::max<std::size_t>(8, room * 2) : room;
+        if (full) {
+            auto* grown = static_cast<port_info*>(std::realloc(list, more_room * sizeof(port_info)));
+            if (grown == nullptr) return !(no_memory = true);
+            list = grown;
+        }
         port_info& info = list[n];
         std::memset(&info, 0, sizeof info);
         fill_remote_attributes(r, info);
         if (with_stats) {
-            auto* more = static_cast<port_stats*>(std::realloc(counters, (std::size_t{n} + 1) * sizeof(port_stats)));
-            if (more == nullptr) return !(no_memory = true);
-            counters = more;
+            if (full) {
+                auto* more = static_cast<port_stats*>(std::realloc(counters, more_room * sizeof(port_stats)));
+                if (more == nullptr) return !(no_memory = true);
+                counters = more;
+            }
             port_stats& s = counters[n];
             std::memset(&s, 0, sizeof s);
             s.rport_index = n;
@@ -240,6 +250,7 @@ HBA_UINT32 mirvak_GetAllRPortsForVPort(HBA_HANDLE handle, const unsigned char* w
             s.counter1 = 0;
         }
         ++n;
+        room = more_room;
         return true;
     });
     if (no_memory) {

@@ -17,4 +17,7 @@ if [ "${1:-}" != "--quick" ]; then
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:halt_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
   (cd build-asan && ctest --output-on-failure -j"$(nproc)")
+
+  # Every fuzz target for 20 seconds (fuzz/README.md).
+  scripts/fuzz.sh 20
 fi

@@ -624,8 +624,10 @@ Fabric parse_fabric_text(const std::string& text, const std::string& source) {
     try {
         StrictParse strict(source);
         doc = json::parse(text, std::ref(strict), true, /*ignore_comments=*/true);
-    } catch (const json::parse_error& e) {
+    } catch (const json::exception& e) {
         // "[json.exception.parse_error.101] parse error at line 3, ..." without its tag.
+        // A number too large for any JSON number type ("1E400") is refused
+        // the same way (out_of_range.406).
         std::string what = e.what();
         const auto tag_end = what.find("] ");
         if (what.rfind("[json.exception", 0) == 0 && tag_end != std::string::npos) what.erase(0, tag_end + 2);

@@ -25,6 +25,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cli_main.h"
 #include "codes.h"
 #include "facade_commands.h"
 #include "lun_commands.h"
@@ -195,7 +196,7 @@ void print(std::FILE* out, bool as_json, const Outcome& o) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int mirvak_hba_main(int argc, char** argv) {
     Cli cli;
     CLI::App& app = cli.app;
     app.name("mirvak-hba");

@@ -17,9 +17,13 @@ HBA_STATUS PluginLoader::adapter_name(HBA_UINT32 index, char* name) const {
     return slot<HBAGetAdapterNameFunc>(kName)(index, name);
 }
 HBA_HANDLE PluginLoader::open(const char* name) const {
-    return slot<HBAOpenAdapterFunc>(kOpen)(const_cast<char*>(name));
+    // The slot holds mirvak_OpenAdapter, whose parameter is const char*:
+    // called through its own type (the table's type takes char*; calling a
+    // function through a pointer of another type is undefined behaviour).
+    return slot<decltype(&mirvak_OpenAdapter)>(kOpen)(name);
 }
-void PluginLoader::close(HBA_HANDLE h) const { slot<HBACloseAdapterFunc>(kClose)(h); }
+// mirvak_CloseAdapter answers a status the table's type does not show.
+void PluginLoader::close(HBA_HANDLE h) const { slot<decltype(&mirvak_CloseAdapter)>(kClose)(h); }
 HBA_STATUS PluginLoader::adapter_attributes(HBA_HANDLE h, HBA_ADAPTERATTRIBUTES* a) const {
     return slot<HBAGetAdapterAttributesFunc>(kAdapterAttributes)(h, a);
 }

@@ -255,9 +255,11 @@ void print_inquiry(std::FILE* out, const json& q, int indent) {
         print_line(out, indent, "Device type",
                    hex2(q["device_type"]) + " " + q["device_type_name"].get<std::string>() + ", qualifier " +
                        value_text(q["peripheral_qualifier"]));
-    print_line(out, indent, "Vendor", q["vendor"].get<std::string>());
-    print_line(out, indent, "Product", q["product"].get<std::string>());
-    print_line(out, indent, "Revision", q["revision"].get<std::string>());
+    // An empty answer has no texts at all; they print as empty, like the
+    // texts a short answer does not reach.
+    print_line(out, indent, "Vendor", q.value("vendor", ""));
+    print_line(out, indent, "Product", q.value("product", ""));
+    print_line(out, indent, "Revision", q.value("revision", ""));
     if (q.contains("version")) print_line(out, indent, "Version", hex2(q["version"]));
     if (q.contains("truncated")) print_line(out, indent, "Note", "answer truncated");
 }

@@ -169,6 +169,13 @@ TEST(FabricParse, JsonSyntaxErrorNamesTheSource) {
     EXPECT_EQ(e.rfind("fabric.json: parse error at line 2, column 18: ", 0), 0u) << e;
 }
 
+// Found by fuzzing: a number too large for any JSON number type escaped the
+// parser as the JSON library's own exception.
+TEST(FabricParse, NumberTooLargeForJsonIsRefusedWithTheSource) {
+    EXPECT_EQ(ErrorOf(R"({"adapters":[{"instance":1E400}]})"),
+              "fabric.json: number overflow parsing '1E400'");
+}
+
 TEST(FabricParse, KeyGivenTwiceIsRefused) {
     EXPECT_EQ(ErrorOf(R"({"adapters":[{"instance":1,"instance":2}]})"), "fabric.json: key \"instance\" given twice");
 }

@@ -773,6 +773,26 @@ TEST(ScsiDecode, StandardInquiry) {
     EXPECT_EQ(short_one["truncated"], true);
 }
 
+// Found by fuzzing (fuzz/README.md): an INQUIRY that answered no bytes at
+// all decodes to a truncated answer without texts, which printed by reading
+// keys that were not there.
+TEST(ScsiDecode, EmptyInquiryAnswerPrintsEmptyTexts) {
+    const json j = mv::tool::decode_inquiry(nullptr, 0);
+    EXPECT_EQ(j, (json{{"length", 0}, {"truncated", true}}));
+    char* text = nullptr;
+    std::size_t len = 0;
+    std::FILE* out = open_memstream(&text, &len);
+    ASSERT_NE(out, nullptr);
+    mv::tool::print_inquiry(out, j, 2);
+    std::fclose(out);
+    EXPECT_EQ(std::string(text, len),
+              "  Vendor:              \n"
+              "  Product:             \n"
+              "  Revision:            \n"
+              "  Note:                answer truncated\n");
+    std::free(text);
+}
+
 TEST(ScsiDecode, VitalProductDataPages) {
     const uint8_t pages[] = {0x00, 0x00, 0x00, 0x03, 0x00, 0x80, 0x83};
     EXPECT_EQ(mv::tool::decode_vpd(pages, sizeof pages)["supported_pages"], json::array({0, 0x80, 0x83}));

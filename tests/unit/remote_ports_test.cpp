@@ -613,6 +613,18 @@ TEST_F(AllRPortsTest, ListsLiveTargetsInDriverOrder) {
     EXPECT_EQ(out, "");
 }
 
+// The arrays grow as targets are found (by doubling); a list longer than
+// several growth steps comes back whole, in order, each with its counters.
+TEST_F(AllRPortsTest, ManyTargetsAreAllListedInDriverOrder) {
+    Open(Fabric(ManyTargets(37)));
+    EXPECT_EQ(Get(kL0, true), 0u);
+    ASSERT_EQ(count, 37u);
+    for (int i = 0; i < 37; ++i) {
+        ExpectPort(std::size_t(i), i + 1, HBA_PORTSTATE_ONLINE, 1 | 3);
+        ExpectStats(std::size_t(i), i + 1);
+    }
+}
+
 TEST_F(AllRPortsTest, WithoutTheFlagTheStatisticsPointerIsLeftAlone) {
     Open(Fabric(Lnodes()));
     EXPECT_EQ(Get(kL0, false), 0u);
