@@ -48,8 +48,8 @@ std::string listening_ports(const std::string& address, bool tls) {
         throw ServerError("--web.listen-address " + address + ": the port is not a number from 0 to 65535");
     std::string host = address.substr(0, colon);
     if (host == "localhost") host = "127.0.0.1";
-    const std::string spec = host.empty() ? port : host + ":" + port;
-    return tls ? spec + "s" : spec;
+    const std::string listening = host.empty() ? port : host + ":" + port;
+    return tls ? listening + "s" : listening;
 }
 
 }  // namespace
