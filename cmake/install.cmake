@@ -4,6 +4,13 @@
 #   LIBDIR/pkgconfig/mirvak-hba.pc            pkg-config file
 #   LIBDIR/cmake/mirvak_hba/                  CMake package (mirvak_hba::mirvakhbaapi)
 #   BINDIR/mirvak-hba                         the command-line program
+#   BINDIR/mirvak-hba-exporter                the Prometheus exporter
+#   LIBDIR/mirvak-hba/libssl.so, libcrypto.so the exporter's TLS shims for
+#                                             civetweb (exporter/tls_compat/)
+#   lib/systemd/system/mirvak-hba-exporter.service
+#                                             the exporter's systemd unit
+#                                             (the Debian package moves it to
+#                                             /lib/systemd/system)
 #   SBINDIR/mirvak-hba-register               registration in /etc/hba.conf
 #   LIBDIR/mirvak-hba/sim/                    simulated driver library and host,
 #                                             with BINDIR links to their programs
@@ -13,6 +20,10 @@
 # Installed files carry no run path: the plug-in finds the maker's
 # libtuskstor.so where the loader looks for libraries, and the simulated one
 # only through mirvak-simhost, which points the loader at its own folder.
+# The one exception is the exporter, whose run path names its TLS shims'
+# folder LIBDIR/mirvak-hba (relative to its own, so a staged tree works):
+# named libssl.so and libcrypto.so, they must never be where every program
+# looks.
 
 install(TARGETS mirvakhbaapi EXPORT mirvak_hba_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -20,6 +31,13 @@ install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/mirvak DESTINATION ${CMAKE_INSTALL
   FILES_MATCHING PATTERN "*.h")
 install(TARGETS mirvak-hba RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS mirvak-hba-register RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+
+# The exporter, its TLS shims and its systemd unit.
+file(RELATIVE_PATH MIRVAK_TLS_FROM_BINDIR /root/${CMAKE_INSTALL_BINDIR} /root/${CMAKE_INSTALL_LIBDIR}/mirvak-hba)
+set_target_properties(mirvak-hba-exporter PROPERTIES INSTALL_RPATH "\$ORIGIN/${MIRVAK_TLS_FROM_BINDIR}")
+install(TARGETS mirvak-hba-exporter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS mirvak_civet_ssl mirvak_civet_crypto LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/mirvak-hba)
+install(FILES ${CMAKE_SOURCE_DIR}/exporter/mirvak-hba-exporter.service DESTINATION lib/systemd/system)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/agent-guide.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/mirvak-hba)
 
 # The simulator: its libraries and programs together in the private folder;
@@ -81,5 +99,6 @@ if(MIRVAK_BUILD_MANPAGES)
   mirvak_man_page(mirvak-hba-register 8 "register the mirvak FCoE HBA plug-in in hba.conf")
   mirvak_man_page(mirvak-simhost 1 "simulated host of the mirvak FCoE HBA plug-in")
   mirvak_man_page(mirvak-simscale 1 "fabric description of a simulated system of a given size")
+  mirvak_man_page(mirvak-hba-exporter 1 "Prometheus exporter of the mirvak FCoE HBAs")
   add_custom_target(manpages ALL DEPENDS ${MIRVAK_MAN_PAGES})
 endif()

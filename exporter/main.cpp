@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
                    "Scrapes that come sooner after a reading of the system get that reading (e.g. 0s, 500ms, 5s)")
         ->capture_default_str();
     app.add_flag("--no-collector.luns", no_luns, "Leave out the mirvak_lun_* series (hosts with very many LUNs)");
-    app.set_version_flag("--version", "mirvak-hba-exporter 1.0");
+    app.set_version_flag("--version", std::string("mirvak-hba-exporter ") + MIRVAK_VERSION, "Print the version and exit");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -4,11 +4,15 @@
 # them in build-deb/:
 #   mirvak-hba        the plug-in and mirvak-hba-register
 #   mirvak-hba-dev    headers, pkg-config file, CMake package, agent guide
-#   mirvak-hba-tools  mirvak-hba
+#   mirvak-hba-tools  mirvak-hba, mirvak-hba-exporter (with its TLS shims and
+#                     systemd unit, installed but not enabled)
 #   mirvak-hba-sim    the simulated driver library and host, mirvak-simhost
 # Install them with: sudo apt install ./build-deb/*.deb
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# (install-deps.sh always installs the build's own libraries, the
+# exporter's among them: prometheus-cpp-dev, libcivetweb-dev, libssl-dev,
+# libyaml-cpp-dev, libcrypt-dev.)
 scripts/install-deps.sh build-essential debhelper dpkg-dev lintian help2man
 
 version=$(sed -n 's/^project(mirvak_hba VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)

@@ -54,8 +54,21 @@ contents)
   grep -q '^ *mirvak-hba-register remove' <(dpkg-deb -I "$runtime" prerm) || { echo "FAIL prerm does not unregister"; failed=1; }
   grep -qx 'activate-noawait ldconfig' <(dpkg-deb -I "$runtime" triggers) || { echo "FAIL no ldconfig trigger"; failed=1; }
   if dpkg-deb -f "$runtime" Depends | grep -qi tuskstor; then echo "FAIL mirvak-hba depends on a driver package"; failed=1; fi
+  # The exporter's unit is installed, never enabled or started by the
+  # package: it needs the maker's driver library.
+  tools=$dir/mirvak-hba-tools_${version}_${arch}.deb
+  # (debhelper's snippet for a unit not to enable re-enables it only where
+  # the administrator had: under "deb-systemd-helper debian-installed".)
+  postinst=$(dpkg-deb -I "$tools" postinst 2>/dev/null || true)
+  if grep -q 'deb-systemd-invoke' <<<"$postinst"; then
+    echo "FAIL mirvak-hba-tools' postinst starts the exporter's unit"; failed=1
+  fi
+  if grep -q 'deb-systemd-helper enable' <<<"$postinst" && ! grep -q 'deb-systemd-helper debian-installed' <<<"$postinst"; then
+    echo "FAIL mirvak-hba-tools' postinst enables the exporter's unit"; failed=1
+  fi
   [ "$failed" -eq 0 ] || exit 1
-  echo "ok   maintainer scripts register and unregister; no package dependency for libtuskstor.so"
+  echo "ok   maintainer scripts register and unregister; no package dependency for libtuskstor.so;"
+  echo "     the exporter's unit is neither enabled nor started"
   ;;
 lintian)
   out=$(lintian --fail-on none --tag-display-limit 0 "${debs[@]}" 2>&1)
@@ -95,6 +108,21 @@ run)
   else
     echo "$conf"
     echo "FAIL the packaged simulated host does not register the packaged plug-in"
+    failed=1
+  fi
+  # The exporter's one run path is its TLS shims' folder, and the shims it
+  # loads are the packaged ones, not the system's libssl.so.
+  exporter=$root/usr/bin/mirvak-hba-exporter
+  runpath=$(readelf -d "$exporter" | sed -n 's/.*(\(RUNPATH\|RPATH\)).*\[\(.*\)\]$/\2/p')
+  shims=$(LD_LIBRARY_PATH="$root$libdir" ldd "$exporter" | awk '$1 == "libssl.so" || $1 == "libcrypto.so" { print $1 " " $3 }')
+  if [ "$runpath" = "\$ORIGIN/../lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/mirvak-hba" ] &&
+     [ "$shims" = "libssl.so $root/usr/bin/../lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/mirvak-hba/libssl.so
+libcrypto.so $root/usr/bin/../lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/mirvak-hba/libcrypto.so" ]; then
+    echo "ok   packaged mirvak-hba-exporter has run path $runpath and loads the packaged TLS shims"
+  else
+    echo "run path: $runpath"
+    echo "$shims"
+    echo "FAIL packaged mirvak-hba-exporter's run path or TLS shims"
     failed=1
   fi
   "$root/usr/sbin/mirvak-hba-register" add --conf "$root/hba.conf" >/dev/null

@@ -9,7 +9,7 @@ failed=0
 check() {  # what, expected, actual
   if [ "$2" = "$3" ]; then echo "ok   $1: $3"; else echo "FAIL $1: '$3', expected '$2'"; failed=1; fi
 }
-for p in "$bindir/mirvak-hba" "$bindir/mirvak-simhost" "$bindir/mirvak-simscale" "$sbindir/mirvak-hba-register"; do
+for p in "$bindir/mirvak-hba" "$bindir/mirvak-hba-exporter" "$bindir/mirvak-simhost" "$bindir/mirvak-simscale" "$sbindir/mirvak-hba-register"; do
   name=$(basename "$p")
   check "$name --version" "$name $v" "$(LD_LIBRARY_PATH="$stage/$libdir/mirvak-hba/sim:$stage/$libdir" "$stage/$p" --version 2>&1)"
 done
