@@ -121,7 +121,10 @@ constexpr Prefix kPrefixes[] = {
     tree("/sys/class/block"),
     tree("/sys/block"),
     tree("/sys/bus/scsi"),
+    tree("/sys/bus/pci"),
+    tree("/sys/class/net"),
     tree("/sys/devices/pci0000:00"),
+    tree("/sys/module/tuskstor"),
     file("/etc/hba.conf"),
 };
 

@@ -221,6 +221,14 @@ std::string classes_text(const std::array<uint8_t, 4>& cos) {
     return (s.empty() ? "Unspecified" : s) + "\n";
 }
 
+// The FC-4 types bitmap as the transport class prints it: 32 bytes, each
+// "0x%02x ", then a line end; FCP (type 8) is bit 0 of byte 2.
+std::string fc4s_text(bool fcp) {
+    std::string s;
+    for (int i = 0; i < 32; ++i) s += (fcp && i == 2) ? "0x01 " : "0x00 ";
+    return s + "\n";
+}
+
 // The hardware record's port speed (Gbit/s) as the transport class names
 // it; "Unknown" for a code it has no name for.
 std::string speed_name(uint16_t gbit) {
@@ -255,6 +263,14 @@ std::string block_dev(const std::string& name, unsigned ordinal) {
 std::string pci_function(uint32_t instance, uint8_t port) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "0000:%02x:%02x.%x", 0x10 + instance, port / 8, port % 8);
+    return buf;
+}
+
+// The network interface of an adapter port, named as udev names the
+// interface of a PCI function (enp<bus>s<slot>f<function>).
+std::string net_interface(uint32_t instance, uint8_t port) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "enp%us%uf%u", 0x10 + instance, port / 8, port % 8);
     return buf;
 }
 
@@ -355,6 +371,8 @@ void write_fc_host_attrs(const fs::path& dir, const Adapter& a, const LocalNode&
     write_file(dir / "supported_speeds", speed + "\n");
     write_file(dir / "speed", (live ? speed : std::string("Unknown")) + "\n");
     write_file(dir / "supported_classes", classes_text(ln.cos));
+    write_file(dir / "supported_fc4s", fc4s_text(true));
+    write_file(dir / "active_fc4s", fc4s_text(live));
     Wwn fabric{};
     uint16_t frame = 0;
     for (const Fcf& f : a.fcfs) {
@@ -367,7 +385,10 @@ void write_fc_host_attrs(const fs::path& dir, const Adapter& a, const LocalNode&
     write_file(dir / "maxframe_size", std::to_string(frame) + " bytes\n");
     char fw[16];
     std::snprintf(fw, sizeof fw, "%08X", a.hw.fw_version);
-    write_file(dir / "symbolic_name", a.hw.model + " FW:" + fw + " DVR:" + a.hw.drv_version + "\n");
+    // As a software FCoE host names itself: "... over <network interface>"
+    // (a virtual port names its physical port's interface).
+    write_file(dir / "symbolic_name", a.hw.model + " FW:" + fw + " DVR:" + a.hw.drv_version + " over " +
+                                          net_interface(a.instance, ln.port_num) + "\n");
     std::size_t vports = 0;
     for (const LocalNode& other : a.lnodes)
         if (other.parent && *other.parent == ln.port_wwn) ++vports;
@@ -580,10 +601,153 @@ std::vector<fs::path> host_devices(const Fabric& f, const fs::path& sys, const s
     return out;
 }
 
+// The PCI identity of every simulated adapter port: the fabric's vendor,
+// a device and subsystem of our own, an Ethernet controller (the port's
+// network function, which carries the FCoE traffic).
+constexpr uint16_t kPciDevice = 0x0fc0;
+constexpr uint16_t kPciSubsystemDevice = 0x0001;
+constexpr uint32_t kPciClass = 0x020000;
+constexpr const char* kDriverName = "tuskstor";
+
+// The hardware version as the PCI revision when it is one hex byte ("C1"),
+// else 0.
+uint8_t pci_revision(const std::string& hw_version) {
+    if (hw_version.empty() || hw_version.size() > 2) return 0;
+    unsigned v = 0;
+    for (const char c : hw_version) {
+        const int d = (c >= '0' && c <= '9') ? c - '0' : (c >= 'a' && c <= 'f') ? c - 'a' + 10
+                     : (c >= 'A' && c <= 'F') ? c - 'A' + 10 : -1;
+        if (d < 0) return 0;
+        v = v * 16 + static_cast<unsigned>(d);
+    }
+    return static_cast<uint8_t>(v);
+}
+
+// BAR 0 of a function: 64 KiB of memory at an address taken from its bus
+// and function number.
+unsigned long long bar0(uint32_t instance, uint8_t port) {
+    return 0xe0000000ull + (static_cast<unsigned long long>(0x10 + instance) << 20) +
+           (static_cast<unsigned long long>(port) << 16);
+}
+
+// The function's configuration space as the "config" file gives it (4096
+// bytes, little-endian): identity, class, revision, BAR 0, subsystem, a
+// PCI Express capability and the Device Serial Number extended capability
+// holding the EUI-64 made from the port's MAC address.
+std::string pci_config(const Adapter& a, uint8_t port, const Mac& mac) {
+    std::string c(4096, '\0');
+    const auto put = [&c](std::size_t at, unsigned long long v, int bytes) {
+        for (int i = 0; i < bytes; ++i) c[at + static_cast<std::size_t>(i)] = static_cast<char>((v >> (8 * i)) & 0xFF);
+    };
+    put(0x00, a.hw.vendor_id, 2);
+    put(0x02, kPciDevice, 2);
+    put(0x04, 0x0006, 2);  // memory space, bus master
+    put(0x06, 0x0010, 2);  // capability list present
+    put(0x08, pci_revision(a.hw.hw_version), 1);
+    put(0x09, kPciClass, 3);
+    put(0x10, bar0(a.instance, port), 4);
+    put(0x2c, a.hw.vendor_id, 2);
+    put(0x2e, kPciSubsystemDevice, 2);
+    put(0x34, 0x40, 1);
+    put(0x40, 0x10, 1);    // PCI Express, last in the list
+    put(0x42, 0x0002, 2);  // version 2, endpoint
+    put(0x100, 0x00010003, 4);  // Device Serial Number, version 1, last
+    unsigned long long eui = 0;
+    for (const unsigned v : {unsigned{mac[0]}, unsigned{mac[1]}, unsigned{mac[2]}, 0xFFu, 0xFEu, unsigned{mac[3]},
+                             unsigned{mac[4]}, unsigned{mac[5]}})
+        eui = (eui << 8) | v;
+    put(0x104, eui, 8);
+    return c;
+}
+
+std::string mac_text(const Mac& m) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x\n", m[0], m[1], m[2], m[3], m[4], m[5]);
+    return buf;
+}
+
+// Every adapter port's PCI function, with the network device below it and
+// the views of both: sys/devices/pci0000:00/<function>/{vendor,device,
+// subsystem_vendor,subsystem_device,class,revision,config,resource,irq,
+// enable,driver->, net/<interface>/{address,ifindex,iflink,...,device->}},
+// sys/bus/pci/devices/<function>, sys/bus/pci/drivers/tuskstor/{<function>,
+// module->}, sys/module/tuskstor/version, sys/class/net/<interface>. The
+// ports are the hardware record's, and any other port a local node names.
+void write_adapter_functions(const Fabric& f, const fs::path& sys) {
+    const fs::path driver = sys / "bus" / "pci" / "drivers" / kDriverName;
+    const fs::path module = sys / "module" / kDriverName;
+    make_dirs(driver);
+    make_dirs(module);
+    make_dirs(sys / "bus" / "pci" / "devices");
+    make_dirs(sys / "class" / "net");
+    make_link(driver / "module", module);
+    write_file(module / "version", (f.adapters.empty() ? std::string() : f.adapters.front().hw.drv_version) + "\n");
+    unsigned ifindex = 2;  // 1 is the loopback interface
+    for (const Adapter& a : f.adapters) {
+        std::set<uint8_t> ports;
+        for (std::size_t p = 0; p < a.hw.ports.size() && p < 256; ++p) ports.insert(static_cast<uint8_t>(p));
+        for (const LocalNode& ln : a.lnodes) ports.insert(ln.port_num);
+        for (const uint8_t p : ports) {
+            const HwPort hw = p < a.hw.ports.size() ? a.hw.ports[p] : HwPort{0, 0, {}};
+            const std::string bdf = pci_function(a.instance, p);
+            const fs::path fn = sys / "devices" / "pci0000:00" / bdf;
+            make_dirs(fn);
+            char id[16];
+            std::snprintf(id, sizeof id, "0x%04x\n", a.hw.vendor_id);
+            write_file(fn / "vendor", id);
+            write_file(fn / "subsystem_vendor", id);
+            std::snprintf(id, sizeof id, "0x%04x\n", kPciDevice);
+            write_file(fn / "device", id);
+            std::snprintf(id, sizeof id, "0x%04x\n", kPciSubsystemDevice);
+            write_file(fn / "subsystem_device", id);
+            std::snprintf(id, sizeof id, "0x%06x\n", kPciClass);
+            write_file(fn / "class", id);
+            std::snprintf(id, sizeof id, "0x%02x\n", pci_revision(a.hw.hw_version));
+            write_file(fn / "revision", id);
+            write_file(fn / "config", pci_config(a, p, hw.mac));
+            std::string resource;
+            char line[80];
+            std::snprintf(line, sizeof line, "0x%016llx 0x%016llx 0x%016llx\n", bar0(a.instance, p),
+                          bar0(a.instance, p) + 0xFFFF, 0x40200ull);
+            resource += line;
+            for (int i = 1; i < 13; ++i) resource += "0x0000000000000000 0x0000000000000000 0x0000000000000000\n";
+            write_file(fn / "resource", resource);
+            write_file(fn / "irq", "0\n");
+            write_file(fn / "enable", "1\n");
+            make_link(fn / "driver", driver);
+            make_link(driver / bdf, fn);
+            make_link(sys / "bus" / "pci" / "devices" / bdf, fn);
+
+            const std::string ifname = net_interface(a.instance, p);
+            const fs::path net = fn / "net" / ifname;
+            make_dirs(net);
+            const std::string index = decimal_line(ifindex++);
+            write_file(net / "ifindex", index);
+            write_file(net / "iflink", index);  // not stacked on another interface
+            write_file(net / "address", mac_text(hw.mac));
+            write_file(net / "addr_len", "6\n");
+            write_file(net / "broadcast", "ff:ff:ff:ff:ff:ff\n");
+            write_file(net / "type", "1\n");  // Ethernet
+            write_file(net / "mtu", "9000\n");
+            write_file(net / "operstate", hw.enabled != 0 ? "up\n" : "down\n");
+            write_file(net / "carrier", hw.enabled != 0 ? "1\n" : "0\n");
+            write_file(net / "speed", hw.enabled != 0 ? decimal_line(hw.speed * 1000ull) : "-1\n");
+            write_file(net / "duplex", "full\n");
+            // Written as the kernel writes it, ending in the function's
+            // name: readers take the PCI address from the link's text.
+            std::error_code ec;
+            fs::create_symlink(fs::path("../../..") / bdf, net / "device", ec);
+            if (ec) fail(net / "device", "cannot create link", ec);
+            make_link(sys / "class" / "net" / ifname, net);
+        }
+    }
+}
+
 // The views written below root/sys, each removed before it is written again.
 constexpr const char* kViews[] = {"devices", "class/fc_host", "class/scsi_host", "class/fc_remote_ports",
                                   "class/fc_transport", "class/scsi_device", "class/scsi_generic",
-                                  "class/block", "block", "bus/scsi"};
+                                  "class/block", "block", "bus/scsi", "bus/pci", "class/net",
+                                  "module/tuskstor"};
 
 // root/sys and root/sim, written afresh.
 void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<HostAssignment>& hosts) {
@@ -598,6 +762,7 @@ void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<Ho
         const Adapter& a = f.adapters[h.adapter];
         write_host(v, h.host, a, a.lnodes[h.lnode]);
     }
+    write_adapter_functions(f, v.sys);
     // The device tree: physical ports' hosts first, then the virtual ports'
     // below them (their folders are reached through the physical ports'
     // links).
