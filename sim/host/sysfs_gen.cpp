@@ -683,6 +683,7 @@ void write_adapter_functions(const Fabric& f, const fs::path& sys) {
     make_link(driver / "module", module);
     write_file(module / "version", (f.adapters.empty() ? std::string() : f.adapters.front().hw.drv_version) + "\n");
     unsigned ifindex = 2;  // 1 is the loopback interface
+    std::set<std::string> written;  // two adapters of one instance: the first keeps the function
     for (const Adapter& a : f.adapters) {
         std::set<uint8_t> ports;
         for (std::size_t p = 0; p < a.hw.ports.size() && p < 256; ++p) ports.insert(static_cast<uint8_t>(p));
@@ -690,6 +691,7 @@ void write_adapter_functions(const Fabric& f, const fs::path& sys) {
         for (const uint8_t p : ports) {
             const HwPort hw = p < a.hw.ports.size() ? a.hw.ports[p] : HwPort{0, 0, {}};
             const std::string bdf = pci_function(a.instance, p);
+            if (!written.insert(bdf).second) continue;
             const fs::path fn = sys / "devices" / "pci0000:00" / bdf;
             make_dirs(fn);
             char id[16];

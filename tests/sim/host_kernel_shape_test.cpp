@@ -116,7 +116,7 @@ TEST_F(HostKernelShape, FcHostAttributesComeFromTheDriversRecords) {
     EXPECT_EQ(read(h / "supported_classes"), "Class 1, Class 2, Class 3\n");
     EXPECT_EQ(read(h / "fabric_name"), "0x1000001b9ef00021\n");  // FCF 33
     EXPECT_EQ(read(h / "maxframe_size"), "2112 bytes\n");
-    EXPECT_EQ(read(h / "symbolic_name"), "MVF-2210 FW:52030A11 DVR:4.2.7-mv\n");
+    EXPECT_EQ(read(h / "symbolic_name"), "MVF-2210 FW:52030A11 DVR:4.2.7-mv over enp17s0f0\n");
     EXPECT_EQ(read(h / "manufacturer"), "Mirvak\n");
     EXPECT_EQ(read(h / "model"), "MVF-2210\n");
     EXPECT_EQ(read(h / "serial_number"), "MVA1K4C00117\n");

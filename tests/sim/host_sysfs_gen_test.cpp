@@ -124,6 +124,7 @@ TEST_F(HostSysfsGen, OneHostExactTree) {
     // remote ports, targets and LUNs, the older names beside the newer.
     const std::set<std::string> expected = {
         "host0/",
+        "host0/active_fc4s",
         "host0/dev_loss_tmo",
         "host0/device/",
         "host0/device/fc_host/",
@@ -269,6 +270,7 @@ TEST_F(HostSysfsGen, OneHostExactTree) {
         "host0/statistics/tx_frames",
         "host0/statistics/tx_words",
         "host0/supported_classes",
+        "host0/supported_fc4s",
         "host0/supported_speeds",
         "host0/symbolic_name",
         "host0/tgtid_bind_type",

@@ -153,7 +153,7 @@ std::set<std::string> expected_lsscsi_transport(const sim::Fabric& f) {
     std::set<std::string> out;
     for (const ShownLun& s : shown_luns(f)) {
         char fc[64];
-        std::snprintf(fc, sizeof fc, "fc:0x%s,0x%06x", sim::wwn_to_hex(s.target->port_wwn).c_str(), s.target->fcid);
+        std::snprintf(fc, sizeof fc, "fcoe:0x%s,0x%06x", sim::wwn_to_hex(s.target->port_wwn).c_str(), s.target->fcid);
         out.insert(printf_line("%-13s%-8s%s  %s", ("[" + s.hctl + "]").c_str(), "disk", fc, device_of(*s.lun).c_str()));
     }
     return out;
@@ -183,7 +183,7 @@ TEST_F(RealTools, LsscsiUnderTheSimulatedHostShowsTheTargetsWwns) {
     for (const sim::HostAssignment& h : sim::assign_hosts(fabric)) {
         const sim::LocalNode& ln = fabric.adapters[h.adapter].lnodes[h.lnode];
         char fc[64];
-        std::snprintf(fc, sizeof fc, "fc:0x%s,0x%06x", sim::wwn_to_hex(ln.port_wwn).c_str(), ln.fcid);
+        std::snprintf(fc, sizeof fc, "fcoe:0x%s,0x%06x", sim::wwn_to_hex(ln.port_wwn).c_str(), ln.fcid);
         expected.insert(printf_line("%-7s%-14s%s", ("[" + std::to_string(h.host) + "]").c_str(), "tuskstor", fc));
     }
     EXPECT_EQ(as_set(lines(hosts.out)), expected) << hosts.out;
@@ -358,7 +358,7 @@ TEST_F(RealTools, NodeExporterFibreChannelSeriesEqualTheFabric) {
                        "port_id=\"010a01\",port_name=\"2100001b9ea10000\",port_state=\"Online\","
                        "port_type=\"NPort (fabric via point-to-point)\",speed=\"10 Gbit\","
                        "supported_classes=\"Class 1, Class 2, Class 3\",supported_speeds=\"10 Gbit\","
-                       "symbolic_name=\"MVF-2210 FW:52030A11 DVR:4.2.7-mv\"}"),
+                       "symbolic_name=\"MVF-2210 FW:52030A11 DVR:4.2.7-mv over enp17s0f0\"}"),
               got.end());
 }
 
