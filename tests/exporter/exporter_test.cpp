@@ -38,6 +38,7 @@
 #include "mirvak/mv_fcoe_ini.h"
 #include "mirvak/tuskstor.h"
 #include "scale_fabric.h"
+#include "run_command.h"
 #include "server.h"
 #include "sim_env.h"
 #include "tusksim.h"
@@ -59,20 +60,6 @@ std::string slurp(const std::string& p) {
 void write_file(const std::string& p, const std::string& text) {
     std::ofstream out(p, std::ios::binary);
     out << text;
-}
-
-// A TCP port on 127.0.0.1 that nobody listens on now.
-int free_port() {
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = 0;
-    bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-    close(s);
-    return ntohs(a.sin_port);
 }
 
 struct Answer {
@@ -125,41 +112,6 @@ Answer http_get(int port, const std::string& path, const std::string& extra_head
         a.body = body;
     }
     return a;
-}
-
-// Runs a program to its end; its exit status, its output in *out.
-int run(const std::vector<std::string>& argv, std::string* out = nullptr, const std::string& input_file = "") {
-    char path[] = "/tmp/mirvak-exporter-run-XXXXXX";
-    const int fd = mkstemp(path);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, input_file.empty() ? "/dev/null" : input_file.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&fa, fd, 1);
-    posix_spawn_file_actions_adddup2(&fa, fd, 2);
-    std::vector<char*> args;
-    for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = -1;
-    const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    close(fd);
-    int status = -1;
-    if (rc == 0) waitpid(pid, &status, 0);
-    if (out != nullptr) *out = slurp(path);
-    unlink(path);
-    return rc != 0 ? -1 : (WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
-}
-
-// Stops a started process by its id: TERM, up to 10 s, then KILL.
-void stop(pid_t pid) {
-    if (pid <= 0) return;
-    kill(pid, SIGTERM);
-    for (int i = 0; i < 100; ++i) {
-        if (waitpid(pid, nullptr, WNOHANG) == pid) return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
 }
 
 // A sample line of the exposition: name, labels, value.
@@ -248,7 +200,7 @@ protected:
 
     ServerOptions Options() {
         ServerOptions o;
-        o.listen_address = "127.0.0.1:" + std::to_string(free_port());
+        o.listen_address = "127.0.0.1:" + std::to_string(testenv::FreePort());
         o.min_interval = std::chrono::milliseconds(0);
         return o;
     }
@@ -306,9 +258,9 @@ TEST_F(ExporterTest, WithoutTheLunCollectorNoLunSeries) {
 TEST_F(ExporterTest, PromtoolAcceptsTheExposition) {
     const std::string file = folder() + "/exposition.prom";
     write_file(file, Scrape(Options()));
-    std::string out;
-    EXPECT_EQ(run({"promtool", "check", "metrics"}, &out, file), 0) << out;
-    EXPECT_EQ(out, "") << "promtool found something to say";
+    const testenv::CommandResult r = testenv::RunArgv({"promtool", "check", "metrics"}, file);
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(r.out, "") << "promtool found something to say";
 }
 
 TEST_F(ExporterTest, LandingPageLinksToTheMetricsAndOtherPathsAre404) {
@@ -502,27 +454,23 @@ TEST_F(ExporterTest, WebConfigurationRefusesWhatItCannotUse) {
 
 TEST_F(ExporterTest, OverTlsATrustingClientScrapesAndPlainHttpFails) {
     const std::string dir = folder();
-    std::string out;
-    ASSERT_EQ(run({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
-                   "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", dir + "/server.key", "-out",
-                   dir + "/server.crt"},
-                  &out),
-              0)
-        << out;
+    const testenv::CommandResult key =
+        testenv::RunArgv({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
+                          "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", dir + "/server.key",
+                          "-out", dir + "/server.crt"});
+    ASSERT_EQ(key.status, 0) << key.out;
     write_file(dir + "/web.yml", "tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n");
     ServerOptions o = Options();
     o.web = mv::exporter::load_web_config(dir + "/web.yml");
     MvFCoEIni facade;
     Server server(facade, o);
     const std::string url = "https://127.0.0.1:" + std::to_string(PortOf(o)) + "/metrics";
-    EXPECT_EQ(run({"curl", "-sS", "-f", "--max-time", "20", "--cacert", dir + "/server.crt", "-o",
-                   dir + "/tls.prom", url},
-                  &out),
-              0)
-        << out;
+    const testenv::CommandResult trusted = testenv::RunArgv(
+        {"curl", "-sS", "-f", "--max-time", "20", "--cacert", dir + "/server.crt", "-o", dir + "/tls.prom", url});
+    EXPECT_EQ(trusted.status, 0) << trusted.out;
     EXPECT_GT(samples(slurp(dir + "/tls.prom")), 100);
     // Without trusting the certificate, and in plain HTTP, no answer.
-    EXPECT_NE(run({"curl", "-sS", "-f", "--max-time", "10", "-o", "/dev/null", url}, &out), 0);
+    EXPECT_NE(testenv::RunArgv({"curl", "-sS", "-f", "--max-time", "10", "-o", "/dev/null", url}).status, 0);
     EXPECT_NE(http_get(PortOf(o), "/metrics").status, 200);
 }
 
@@ -562,7 +510,7 @@ TEST_F(ExporterTest, PrometheusScrapesTheExporterAndItsQueriesGiveTheFabric) {
     MvFCoEIni facade;
     Server server(facade, o);
     const std::string expected = http_get(PortOf(o), "/metrics").body;
-    const int prom_port = free_port();
+    const int prom_port = testenv::FreePort();
     write_file(dir + "/prometheus.yml", "global:\n  scrape_interval: 1s\n  scrape_timeout: 1s\n"
                                         "scrape_configs:\n  - job_name: mirvak\n    static_configs:\n"
                                         "      - targets: ['" +
@@ -626,7 +574,7 @@ TEST_F(ExporterTest, PrometheusScrapesTheExporterAndItsQueriesGiveTheFabric) {
     EXPECT_EQ(query("mirvak_vport_info{vport_wwpn=\"0x2801001b9ea10001\",fc_host=\"host1\"}").size(), 1u);
     EXPECT_EQ(query("count(mirvak_port_info)")[0]["value"][1], "5");
     EXPECT_EQ(query("mirvak_adapter_up == 1").size(), 2u);
-    stop(pid);
+    testenv::StopProcess(pid);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // redirector into a command and passes its exit status on.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +12,7 @@
 #include <string>
 
 #include "fabric.h"
+#include "run_command.h"
 #include "sysfs_gen.h"
 #include "temp_dir.h"
 
@@ -20,34 +20,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Result {
-    int status = -1;
-    std::string output;  // standard output and standard error
-};
-
 // The program built beside this test program; empty when it is not there.
 std::string program() {
     const fs::path p = fs::read_symlink("/proc/self/exe").parent_path() / "mirvak-simhost";
     return fs::exists(p) ? p.string() : std::string();
 }
 
-std::string quoted(const std::string& s) {
-    std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
+using testenv::ShellQuoted;
 
-Result run(const std::string& args) {
-    Result r;
-    const std::string cmd = quoted(program()) + " " + args + " 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr) return r;
-    char buf[512];
-    std::size_t n = 0;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.output.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+// The program with these arguments; its standard output and standard
+// error together.
+testenv::CommandResult run(const std::string& args) {
+    return testenv::RunShell(ShellQuoted(program()) + " " + args + " 2>&1");
 }
 
 std::string slurp(const fs::path& p) {
@@ -75,8 +59,8 @@ protected:
 };
 
 TEST_F(HostProgram, GenWritesTheDefaultFabricsTree) {
-    const Result r = run("gen --root " + quoted(root.string()) + " --plugin /opt/x/libplug.so");
-    ASSERT_EQ(r.status, 0) << r.output;
+    const testenv::CommandResult r = run("gen --root " + ShellQuoted(root.string()) + " --plugin /opt/x/libplug.so");
+    ASSERT_EQ(r.status, 0) << r.out;
 
     const fs::path expected = fs::path(dir.path()) / "expected";
     sim::HostOptions opt;
@@ -96,8 +80,8 @@ TEST_F(HostProgram, GenReadsAFabricFile) {
     const fs::path file = fs::path(dir.path()) / "fabric.json";
     std::ofstream(file) << sim::fabric_to_json(f).dump(2);
 
-    const Result r = run("gen --root " + quoted(root.string()) + " --fabric " + quoted(file.string()));
-    ASSERT_EQ(r.status, 0) << r.output;
+    const testenv::CommandResult r = run("gen --root " + ShellQuoted(root.string()) + " --fabric " + ShellQuoted(file.string()));
+    ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_EQ(slurp(root / "sys/class/fc_host/host7/port_name"), "0x2000000743001a2b\n");
 }
 
@@ -111,19 +95,19 @@ TEST_F(HostProgram, UnreadableFabricIsReported) {
     }
     ASSERT_FALSE(message.empty());
 
-    Result r = run("gen --root " + quoted(root.string()) + " --fabric " + quoted(missing));
+    testenv::CommandResult r = run("gen --root " + ShellQuoted(root.string()) + " --fabric " + ShellQuoted(missing));
     EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.output.find(message), std::string::npos) << r.output;
+    EXPECT_NE(r.out.find(message), std::string::npos) << r.out;
 
-    r = run("run --fabric " + quoted(missing) + " -- /bin/true");
+    r = run("run --fabric " + ShellQuoted(missing) + " -- /bin/true");
     EXPECT_EQ(r.status, 125);
-    EXPECT_NE(r.output.find(message), std::string::npos) << r.output;
+    EXPECT_NE(r.out.find(message), std::string::npos) << r.out;
 }
 
 TEST_F(HostProgram, BadUsageFails) {
     EXPECT_NE(run("").status, 0);
     EXPECT_NE(run("gen").status, 0);
-    EXPECT_NE(run("run --root " + quoted(root.string())).status, 0);
+    EXPECT_NE(run("run --root " + ShellQuoted(root.string())).status, 0);
     EXPECT_NE(run("frobnicate").status, 0);
 }
 
@@ -132,23 +116,23 @@ TEST_F(HostProgram, RunRedirectsTheCommand) {
     ASSERT_FALSE(hosts.empty());
     const std::string port_name = "/sys/class/fc_host/host" + std::to_string(hosts.front().host) + "/port_name";
 
-    const Result r = run("run --root " + quoted(root.string()) + " --plugin /opt/x/libplug.so -- /bin/cat " +
+    const testenv::CommandResult r = run("run --root " + ShellQuoted(root.string()) + " --plugin /opt/x/libplug.so -- /bin/cat " +
                          port_name + " /etc/hba.conf");
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_EQ(r.output, slurp(root.string() + port_name) + slurp(root / "etc/hba.conf"));
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(r.out, slurp(root.string() + port_name) + slurp(root / "etc/hba.conf"));
 }
 
 TEST_F(HostProgram, RunSetsTheEnvironment) {
     const fs::path file = fs::path(dir.path()) / "fabric.json";
     std::ofstream(file) << sim::fabric_to_json(default_fabric()).dump(2);
 
-    const Result r = run("run --root " + quoted(root.string()) + " --fabric " + quoted(file.string()) +
+    const testenv::CommandResult r = run("run --root " + ShellQuoted(root.string()) + " --fabric " + ShellQuoted(file.string()) +
                          " -- /bin/sh -c 'echo \"$MIRVAK_SIM_ROOT|$MIRVAK_SIM_FABRIC|$LD_PRELOAD\"'");
-    ASSERT_EQ(r.status, 0) << r.output;
+    ASSERT_EQ(r.status, 0) << r.out;
     const fs::path bin = fs::path(program()).parent_path();
     fs::path preload = bin.parent_path() / "lib" / "libmirvaksimhost.so";
     if (!fs::exists(preload)) preload = bin / "libmirvaksimhost.so";
-    EXPECT_EQ(r.output, root.lexically_normal().string() + "|" + file.lexically_normal().string() + "|" +
+    EXPECT_EQ(r.out, root.lexically_normal().string() + "|" + file.lexically_normal().string() + "|" +
                             preload.lexically_normal().string() + "\n");
 }
 
@@ -159,10 +143,10 @@ TEST_F(HostProgram, RunPassesTheExitStatusOn) {
 }
 
 TEST_F(HostProgram, RunWithoutRootRemovesItsFolder) {
-    const Result r = run("run -- /bin/sh -c 'echo \"$MIRVAK_SIM_ROOT\"; test -d \"$MIRVAK_SIM_ROOT/sys/class/fc_host\"'");
-    ASSERT_EQ(r.status, 0) << r.output;
-    ASSERT_GT(r.output.size(), 1u);
-    const std::string used = r.output.substr(0, r.output.find('\n'));
+    const testenv::CommandResult r = run("run -- /bin/sh -c 'echo \"$MIRVAK_SIM_ROOT\"; test -d \"$MIRVAK_SIM_ROOT/sys/class/fc_host\"'");
+    ASSERT_EQ(r.status, 0) << r.out;
+    ASSERT_GT(r.out.size(), 1u);
+    const std::string used = r.out.substr(0, r.out.find('\n'));
     EXPECT_FALSE(used.empty());
     EXPECT_FALSE(fs::exists(used)) << used;
 }

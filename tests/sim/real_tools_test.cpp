@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "fabric.h"
+#include "run_command.h"
 #include "sysfs_gen.h"
 #include "temp_dir.h"
 
@@ -37,32 +38,15 @@ namespace fs = std::filesystem;
 
 constexpr int kToolSeconds = 30;  // bound on every tool run
 
-std::string shell_quoted(const std::string& s) {
-    std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
-struct Result {
-    int status = -1;
-    std::string out;
-};
+using testenv::CommandResult;
+using testenv::ShellQuoted;
 
 // The command's standard output, run under timeout(1).
-Result run(const std::string& cmd) {
-    Result r;
-    const std::string line = "timeout " + std::to_string(kToolSeconds) + " " + cmd + " 2>/dev/null";
-    FILE* p = popen(line.c_str(), "r");
-    if (p == nullptr) return r;
-    char buf[4096];
-    std::size_t n = 0;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+CommandResult run(const std::string& cmd) {
+    return testenv::RunShell("timeout " + std::to_string(kToolSeconds) + " " + cmd + " 2>/dev/null");
 }
 
-bool installed(const std::string& tool) { return run("sh -c " + shell_quoted("command -v " + tool)).status == 0; }
+bool installed(const std::string& tool) { return run("sh -c " + ShellQuoted("command -v " + tool)).status == 0; }
 
 std::string beside(const char* name) {
     return (fs::read_symlink("/proc/self/exe").parent_path() / name).string();
@@ -133,7 +117,7 @@ protected:
     sim::TempDir dir{"mirvak-real-tools"};
     std::string root = dir.path();
     std::string sys = root + "/sys";
-    std::string simhost = shell_quoted(beside("mirvak-simhost"));
+    std::string simhost = ShellQuoted(beside("mirvak-simhost"));
 };
 
 // lsscsi's own columns: the address, the type, vendor, model, revision and
@@ -163,7 +147,7 @@ std::set<std::string> as_set(const std::vector<std::string>& v) { return {v.begi
 
 TEST_F(RealTools, LsscsiListsEveryLunOfTheTree) {
     ASSERT_TRUE(installed("lsscsi")) << "lsscsi is not installed (scripts/install-deps.sh)";
-    const Result r = run("lsscsi -k --sysfsroot=" + shell_quoted(sys));
+    const CommandResult r = run("lsscsi -k --sysfsroot=" + ShellQuoted(sys));
     ASSERT_EQ(r.status, 0) << r.out;
     const std::vector<std::string> got = lines(r.out);
     EXPECT_EQ(got.size(), 23u);
@@ -172,12 +156,12 @@ TEST_F(RealTools, LsscsiListsEveryLunOfTheTree) {
 
 TEST_F(RealTools, LsscsiUnderTheSimulatedHostShowsTheTargetsWwns) {
     ASSERT_TRUE(installed("lsscsi")) << "lsscsi is not installed (scripts/install-deps.sh)";
-    const Result r = run(simhost + " run -- lsscsi -t -k");
+    const CommandResult r = run(simhost + " run -- lsscsi -t -k");
     ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_EQ(as_set(lines(r.out)), expected_lsscsi_transport(fabric)) << r.out;
 
     // The hosts with their own port names and ids.
-    const Result hosts = run(simhost + " run -- lsscsi -H -t");
+    const CommandResult hosts = run(simhost + " run -- lsscsi -H -t");
     ASSERT_EQ(hosts.status, 0) << hosts.out;
     std::set<std::string> expected;
     for (const sim::HostAssignment& h : sim::assign_hosts(fabric)) {
@@ -201,15 +185,15 @@ TEST_F(RealTools, Sg3UtilsAnswerWithTheFabricsIdentitiesAndSizes) {
         // The four tools in one run of the simulated host, one after the other.
         const std::string tools = "sg_inq " + dev + "; echo ==; sg_vpd -p di " + dev + "; echo ==; sg_readcap " + dev +
                                   "; echo ==; sg_luns " + dev;
-        const Result all = run(simhost + " run -- sh -c " + shell_quoted(tools));
+        const CommandResult all = run(simhost + " run -- sh -c " + ShellQuoted(tools));
         ASSERT_EQ(all.status, 0) << all.out;
-        std::vector<Result> parts;
+        std::vector<CommandResult> parts;
         std::size_t from = 0;
         for (std::size_t at; (at = all.out.find("==\n", from)) != std::string::npos; from = at + 3)
             parts.push_back({0, all.out.substr(from, at - from)});
         parts.push_back({0, all.out.substr(from)});
         ASSERT_EQ(parts.size(), 4u) << all.out;
-        const Result& inq = parts[0];
+        const CommandResult& inq = parts[0];
         char vendor[64];
         std::snprintf(vendor, sizeof vendor, " Vendor identification: %-8s\n", s.lun->vendor.c_str());
         EXPECT_NE(inq.out.find(vendor), std::string::npos)
@@ -220,19 +204,19 @@ TEST_F(RealTools, Sg3UtilsAnswerWithTheFabricsIdentitiesAndSizes) {
                   std::string::npos)
             << inq.out;
 
-        const Result& vpd = parts[1];
+        const CommandResult& vpd = parts[1];
         char naa[64];
         std::snprintf(naa, sizeof naa, "0x60000000%s%08x\n", sim::wwn_to_hex(s.target->port_wwn).c_str(), s.lun->lun);
         EXPECT_NE(vpd.out.find("designator type: NAA,  code set: Binary\n      " + std::string(naa)), std::string::npos)
             << vpd.out;
 
-        const Result& cap = parts[2];
+        const CommandResult& cap = parts[2];
         EXPECT_NE(cap.out.find("Last LBA=" + std::to_string(s.lun->size - 1) + " "), std::string::npos) << cap.out;
         EXPECT_NE(cap.out.find("Number of logical blocks=" + std::to_string(s.lun->size) + "\n"), std::string::npos)
             << cap.out;
         EXPECT_NE(cap.out.find("Logical block length=512 bytes\n"), std::string::npos) << cap.out;
 
-        const Result& luns = parts[3];
+        const CommandResult& luns = parts[3];
         std::string listed;
         for (const sim::Lun& l : s.target->luns) {
             char entry[32];
@@ -242,22 +226,6 @@ TEST_F(RealTools, Sg3UtilsAnswerWithTheFabricsIdentitiesAndSizes) {
         EXPECT_NE(luns.out.find("Report luns [select_report=0x0]:\n" + listed), std::string::npos) << luns.out;
     }
     EXPECT_EQ(checked, 2u);
-}
-
-// A TCP port on 127.0.0.1 that is free now.
-int free_port() {
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (s < 0 || bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-        if (s >= 0) close(s);
-        return -1;
-    }
-    close(s);
-    return ntohs(a.sin_port);
 }
 
 // GET /metrics from 127.0.0.1:port; empty when nothing answers.
@@ -298,7 +266,7 @@ std::map<std::string, std::string> series(const std::string& text) {
 TEST_F(RealTools, NodeExporterFibreChannelSeriesEqualTheFabric) {
     const char* exporter = "/usr/bin/prometheus-node-exporter";
     ASSERT_TRUE(fs::exists(exporter)) << "prometheus-node-exporter is not installed (scripts/install-deps.sh)";
-    const int port = free_port();
+    const int port = testenv::FreePort();
     ASSERT_GT(port, 0);
     const std::string listen = "--web.listen-address=127.0.0.1:" + std::to_string(port);
     const std::string sysfs = "--path.sysfs=" + sys;
@@ -318,8 +286,7 @@ TEST_F(RealTools, NodeExporterFibreChannelSeriesEqualTheFabric) {
         text = fetch_metrics(port);
         if (text.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
+    testenv::StopProcess(pid);
     ASSERT_FALSE(text.empty()) << "the node exporter did not answer on port " << port;
 
     const auto got = series(text);

@@ -2,7 +2,6 @@
 // they make, and that the simulated driver and host take them (LUN
 // discovery finds every LUN); and the program mirvak-simscale.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +16,7 @@
 #include "mirvak/driver_records.h"
 #include "mirvak/host_view.h"
 #include "mirvak/tuskstor.h"
+#include "run_command.h"
 #include "scale_fabric.h"
 #include "sim_env.h"
 #include "tusksim.h"
@@ -279,45 +279,32 @@ std::string Program() {
     return (fs::read_symlink("/proc/self/exe").parent_path() / "mirvak-simscale").string();
 }
 
-struct Outcome {
-    int status = -1;
-    std::string out;
-};
-
-Outcome RunProgram(const std::string& args, bool with_stderr = false) {
-    Outcome r;
-    const std::string cmd = "'" + Program() + "' " + args + (with_stderr ? " 2>&1" : " 2>/dev/null");
-    FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr) return r;
-    char buf[4096];
-    std::size_t n = 0;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+// The program with these arguments; standard error caught too, or dropped.
+testenv::CommandResult RunProgram(const std::string& args, bool with_stderr = false) {
+    return testenv::RunShell(testenv::ShellQuoted(Program()) + " " + args + (with_stderr ? " 2>&1" : " 2>/dev/null"));
 }
 
 TEST(ScaleFabricProgram, PrintsTheDescription) {
     ASSERT_TRUE(fs::exists(Program())) << Program();
-    const Outcome r = RunProgram("--adapters 2 --ports 2 --vports 1 --targets 3 --luns 2");
+    const testenv::CommandResult r = RunProgram("--adapters 2 --ports 2 --vports 1 --targets 3 --luns 2");
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, sim::scale_fabric_json(Params(2, 2, 1, 3, 2)).dump(2) + "\n");
 }
 
 TEST(ScaleFabricProgram, CompactIsOneLine) {
-    const Outcome r = RunProgram("--compact --targets 2");
+    const testenv::CommandResult r = RunProgram("--compact --targets 2");
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, sim::scale_fabric_json(Params(1, 1, 0, 2, 1)).dump() + "\n");
 }
 
 TEST(ScaleFabricProgram, DefaultsAreOneAdapterPortTargetAndLun) {
-    const Outcome r = RunProgram("");
+    const testenv::CommandResult r = RunProgram("");
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(sim::parse_fabric_text(r.out, "out") == sim::scale_fabric(ScaleParams{}));
 }
 
 TEST(ScaleFabricProgram, RefusesParametersBeyondTheirLimits) {
-    const Outcome r = RunProgram("--vports 129", true);
+    const testenv::CommandResult r = RunProgram("--vports 129", true);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "mirvak-simscale: scale fabric: vports 129 beyond 128\n");
 }

@@ -1,0 +1,43 @@
+// Running other programs from tests: a command line through the shell or an
+// argument vector, with what it prints caught; a free TCP port on
+// 127.0.0.1 for a server a test starts; and stopping a started process by
+// its id.
+#ifndef MIRVAK_TESTS_RUN_COMMAND_H
+#define MIRVAK_TESTS_RUN_COMMAND_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace testenv {
+
+struct CommandResult {
+    int status = -1;  // exit status; see each function for the other values
+    std::string out;  // what was caught
+};
+
+// s in single quotes for the shell, single quotes inside kept.
+std::string ShellQuoted(const std::string& s);
+
+// Runs a command line with /bin/sh and catches its standard output (the
+// command line itself says where standard error goes). status: the exit
+// status, -1 when the shell could not be started or did not exit normally.
+CommandResult RunShell(const std::string& command_line);
+
+// Runs argv (the program looked up on PATH) to its end with standard input
+// from input_file (/dev/null when empty) and catches standard output and
+// standard error together. status: the exit status, 128 + the signal's
+// number when a signal ended it, -1 when it could not be started.
+CommandResult RunArgv(const std::vector<std::string>& argv, const std::string& input_file = "");
+
+// A TCP port on 127.0.0.1 that is free now; -1 when none could be had.
+int FreePort();
+
+// Stops a process this test started, by its id: TERM, up to 10 s, then
+// KILL; reaps it.
+void StopProcess(pid_t pid);
+
+}  // namespace testenv
+
+#endif
