@@ -22,7 +22,7 @@ const char* mirvak_sim_map_path(const char* path, char* buf, std::size_t size);
 
 // Simulated SCSI device nodes. With MIRVAK_SIM_ROOT set, open of a path that
 // ROOT/sim/sg.json lists ("/dev/" + a LUN's block device name, e.g.
-// "/dev/sdb") gives a descriptor on which SG_GET_VERSION_NUM and SG_IO are
+// "/dev/sdb", or its SCSI generic node, e.g. "/dev/sg1") gives a descriptor on which SG_GET_VERSION_NUM and SG_IO are
 // answered as the LUN would (see sim/FABRIC.md, "SCSI device nodes"). Every
 // SG_IO on such a descriptor is recorded, with the fields as the caller
 // passed them, so tests can check exactly what was sent.

@@ -2,10 +2,12 @@
 // ===================================================
 //
 // The generator writes ROOT/sim/sg.json (sg_index.h), listing each LUN's
-// block device node ("/dev/sdb") with what its target answers. With
+// block device node ("/dev/sdb") and its SCSI generic node ("/dev/sg1")
+// with what its target answers. With
 // MIRVAK_SIM_ROOT set:
 //
-//   - open (every form the redirector interposes) of a listed path gives a
+//   - open (every form the redirector interposes) of a listed path (block or
+//     generic node) gives a
 //     descriptor on /dev/null, remembered as that device until it is closed;
 //     a device with "no_device" fails with ENOENT instead. Paths not listed
 //     (and everything while the variable is unset) go to the real system.
@@ -60,6 +62,7 @@ constexpr unsigned int kMaxTransfer = 1u << 20;
 
 struct OpenNode {
     std::shared_ptr<const Device> device;
+    std::string path;  // as opened: the block or the generic node
     dev_t dev = 0;
     ino_t ino = 0;
 };
@@ -125,8 +128,10 @@ std::shared_ptr<const Device> lookup(State& s, const char* path) {
             try {
                 // The first entry for a path wins.
                 for (Device& d : index_from_json(nlohmann::json::parse(text))) {
-                    const std::string key = d.path;
-                    s.devices.emplace(key, std::make_shared<const Device>(std::move(d)));
+                    const std::string key = d.path, generic = d.generic;
+                    const auto device = std::make_shared<const Device>(std::move(d));
+                    s.devices.emplace(key, device);
+                    if (!generic.empty()) s.devices.emplace(generic, device);
                 }
             } catch (const std::exception&) {
                 s.devices.clear();  // an unreadable index simulates nothing
@@ -156,9 +161,9 @@ bool reads_data(int direction) {
 }
 
 // One SG_IO. Called with the lock held.
-int sg_io(State& s, const Device& d, void* arg) {
+int sg_io(State& s, const Device& d, const std::string& opened, void* arg) {
     mirvak_simsg_request rec{};
-    strncpy(rec.device, d.path.c_str(), sizeof rec.device - 1);
+    strncpy(rec.device, opened.c_str(), sizeof rec.device - 1);
     if (arg == nullptr) {
         rec.error = EFAULT;
         record(s, rec);
@@ -277,6 +282,7 @@ bool open_device(const char* path, int flags, int* result) {
     }
     OpenNode node;
     node.device = d;
+    node.path = path;
     node.dev = st.st_dev;
     node.ino = st.st_ino;
     if (s.fds.insert_or_assign(fd, node).second) g_open.fetch_add(1);
@@ -297,6 +303,7 @@ bool device_ioctl(int fd, unsigned long request, void* arg, int* result) {
         return false;
     }
     const std::shared_ptr<const Device> d = it->second.device;
+    const std::string opened = it->second.path;
     switch (request) {
     case SG_GET_VERSION_NUM:
         ++s.version_queries;
@@ -310,7 +317,7 @@ bool device_ioctl(int fd, unsigned long request, void* arg, int* result) {
         }
         return true;
     case SG_IO:
-        *result = sg_io(s, *d, arg);
+        *result = sg_io(s, *d, opened, arg);
         return true;
     default:
         errno = ENOTTY;

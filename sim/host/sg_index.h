@@ -9,6 +9,7 @@
 //     "format": 1,
 //     "devices": [
 //       { "path": "/dev/sdb",          // "/dev/" + the LUN's block device name
+//         "generic": "/dev/sg1",       // its SCSI generic node (optional)
 //         "hctl": "0:0:0:1",           // its SCSI address H:C:T:L
 //         "lun": 1,                    // L
 //         "vendor": "MIRVSIM", "product": "SIMDISK", "revision": "0001",
@@ -65,6 +66,7 @@ struct Designator {
 
 struct Device {
     std::string path;
+    std::string generic;  // SCSI generic node answering as the same device; empty: none
     std::string hctl;
     uint32_t lun = 0;
     std::string vendor, product, revision, serial;
@@ -119,6 +121,7 @@ inline nlohmann::json index_to_json(const std::vector<Device>& devices) {
                            {"association", x.association},
                            {"id", hex_bytes(x.id)}});
         list.push_back({{"path", d.path},
+                        {"generic", d.generic},
                         {"hctl", d.hctl},
                         {"lun", d.lun},
                         {"vendor", d.vendor},
@@ -145,6 +148,7 @@ inline std::vector<Device> index_from_json(const nlohmann::json& doc) {
     for (const auto& j : doc.at("devices")) {
         Device d;
         d.path = j.at("path").get<std::string>();
+        d.generic = j.value("generic", std::string());
         d.hctl = j.at("hctl").get<std::string>();
         d.lun = j.at("lun").get<uint32_t>();
         d.vendor = j.at("vendor").get<std::string>();

@@ -320,13 +320,16 @@ void write_lun(ViewState& v, const fs::path& target_dir, const std::string& btl,
 // defaults resolved: serial "SIM" + the remote port's WWPN + "L" + the LUN
 // number; one NAA designator 60 00 00 00, the WWPN, the LUN (32 bits,
 // big-endian). REPORT LUNS lists every LUN of the target.
-void add_devices(std::vector<sg::Device>& index, const std::string& ht, const RemoteNode& rn) {
+void add_devices(std::vector<sg::Device>& index, const std::string& ht, const RemoteNode& rn, unsigned first_sg) {
     std::vector<uint32_t> numbers;
     for (const Lun& lun : rn.luns) numbers.push_back(lun.lun);
+    unsigned sg_number = first_sg;  // every LUN took the next generic device, in order
     for (const Lun& lun : rn.luns) {
+        const unsigned generic = sg_number++;
         if (lun.block.empty()) continue;
         sg::Device d;
         d.path = "/dev/" + lun.block;
+        d.generic = "/dev/sg" + std::to_string(generic);
         d.hctl = ht + ":" + std::to_string(lun.lun);
         d.lun = lun.lun;
         d.vendor = lun.vendor;
@@ -495,8 +498,9 @@ void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln) {
             write_file(transport / "node_name", wwn_text(rn.node_wwn));
             write_file(transport / "port_id", fcid_text(rn.fcid));
         }
+        const unsigned first_sg = v.next_sg;
         for (const Lun& lun : rn.luns) write_lun(v, target_dir, ht + ":" + std::to_string(lun.lun), lun, rn);
-        add_devices(v.index, ht, rn);
+        add_devices(v.index, ht, rn, first_sg);
     }
 }
 

@@ -186,8 +186,8 @@ TEST_F(DistributionLibrary, TakesTheSerialNumberFromThePortsMacAddress) {
 
 // The FCP target mapping, version 2, of physical port 0 of instance 4
 // (host4), through the front library: every LUN of the port's targets with
-// its device node, the target's WWPN and port id and the LUN number, as
-// the fabric has them. (The plug-in's own mapping follows its own rules,
+// its device node, the target's WWPN and port id, the LUN number and the
+// LUID its SCSI generic node answers, as the fabric has them. (The plug-in's own mapping follows its own rules,
 // pinned by its tests; sim/FABRIC.md says how the two differ.)
 TEST_F(DistributionLibrary, MapsEveryLunOfAPortToItsTargetAndDevice) {
     const Listed* theirs = nullptr;
@@ -204,8 +204,11 @@ TEST_F(DistributionLibrary, MapsEveryLunOfAPortToItsTargetAndDevice) {
         if (!rn.in_sysfs || role != "target") continue;
         for (const sim::Lun& lun : rn.luns) {
             char line[400];
-            std::snprintf(line, sizeof line, "/dev/%s %s 0x%06x %u", lun.block.c_str(),
-                          sim::wwn_to_hex(rn.port_wwn).c_str(), rn.fcid, lun.lun);
+            // The LUID: the device identification page's NAA designator
+            // (binary, NAA, 16 bytes) as the simulated device answers it.
+            std::snprintf(line, sizeof line, "/dev/%s %s 0x%06x %u 0103001060000000%s%08x", lun.block.c_str(),
+                          sim::wwn_to_hex(rn.port_wwn).c_str(), rn.fcid, lun.lun,
+                          sim::wwn_to_hex(rn.port_wwn).c_str(), lun.lun);
             expected.insert(line);
         }
     }
@@ -220,9 +223,12 @@ TEST_F(DistributionLibrary, MapsEveryLunOfAPortToItsTargetAndDevice) {
     for (HBA_UINT32 i = 0; i < map->NumberOfEntries && i < kRoom; ++i) {
         const HBA_FCPSCSIENTRYV2& e = map->entry[i];
         EXPECT_EQ(e.ScsiId.ScsiBusNumber, 4u);  // the SCSI host
+        char luid[41] = {};
+        for (int i = 0; i < 20; ++i)
+            std::snprintf(luid + 2 * i, 3, "%02x", static_cast<unsigned char>(e.LUID.buffer[i]));
         char line[400];
-        std::snprintf(line, sizeof line, "%s %s 0x%06x %llu", e.ScsiId.OSDeviceName, hex(e.FcpId.PortWWN).c_str(),
-                      e.FcpId.FcId, static_cast<unsigned long long>(e.FcpId.FcpLun));
+        std::snprintf(line, sizeof line, "%s %s 0x%06x %llu %s", e.ScsiId.OSDeviceName, hex(e.FcpId.PortWWN).c_str(),
+                      e.FcpId.FcId, static_cast<unsigned long long>(e.FcpId.FcpLun), luid);
         got.insert(line);
     }
     EXPECT_EQ(got, expected);

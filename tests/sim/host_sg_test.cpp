@@ -164,23 +164,23 @@ TEST_F(HostSg, IndexListsEveryBlockDeviceWithResolvedValues) {
     ASSERT_TRUE(in.good());
     const auto doc = nlohmann::json::parse(std::string(std::istreambuf_iterator<char>(in), {}));
     const auto expected = nlohmann::json::parse(R"({"format":1,"devices":[
-      {"path":"/dev/sdb","hctl":"0:0:0:0","lun":0,"vendor":"ACME","product":"ARRAY DISK",
+      {"path":"/dev/sdb","generic":"/dev/sg0","hctl":"0:0:0:0","lun":0,"vendor":"ACME","product":"ARRAY DISK",
        "revision":"1.2","serial":"SER123","size":4096,
        "designators":[{"code_set":2,"type":1,"association":0,"id":"41 42 43"},
          {"code_set":1,"type":3,"association":0,"id":"60 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff"},
          {"code_set":1,"type":3,"association":1,"id":"50 01 02 03 04 05 06 07"}],
        "vpd83_raw":null,"sg_fail":false,"sg_version":30527,"no_device":false,"target_luns":[0,1,300,5]},
-      {"path":"/dev/sdc","hctl":"0:0:0:1","lun":1,"vendor":"MIRVSIM","product":"SIMDISK",
+      {"path":"/dev/sdc","generic":"/dev/sg1","hctl":"0:0:0:1","lun":1,"vendor":"MIRVSIM","product":"SIMDISK",
        "revision":"0001","serial":"SIM5000000000000001L1","size":8589934592,
        "designators":[{"code_set":1,"type":3,"association":0,
                        "id":"60 00 00 00 50 00 00 00 00 00 00 01 00 00 00 01"}],
        "vpd83_raw":null,"sg_fail":false,"sg_version":30527,"no_device":false,"target_luns":[0,1,300,5]},
-      {"path":"/dev/sdd","hctl":"0:0:0:300","lun":300,"vendor":"MIRVSIM","product":"SIMDISK",
+      {"path":"/dev/sdd","generic":"/dev/sg2","hctl":"0:0:0:300","lun":300,"vendor":"MIRVSIM","product":"SIMDISK",
        "revision":"0001","serial":"SIM5000000000000001L300","size":2097152,
        "designators":[{"code_set":1,"type":3,"association":0,
                        "id":"60 00 00 00 50 00 00 00 00 00 00 01 00 00 01 2c"}],
        "vpd83_raw":null,"sg_fail":false,"sg_version":30527,"no_device":false,"target_luns":[0,1,300,5]},
-      {"path":"/dev/mvsimx0","hctl":"0:0:1:0","lun":0,"vendor":"LONGVENDORNAME",
+      {"path":"/dev/mvsimx0","generic":"/dev/sg4","hctl":"0:0:1:0","lun":0,"vendor":"LONGVENDORNAME",
        "product":"A PRODUCT NAME LONGER THAN 16","revision":"12345","serial":"SIM5000000000000002L0",
        "size":2097152,
        "designators":[{"code_set":1,"type":3,"association":0,
@@ -362,6 +362,16 @@ TEST_F(HostSg, StandardInquiryExactBytes) {
     ExpectGood(io, 0);
     EXPECT_EQ(io.Data(96), StandardInquiry("ACME    ", "ARRAY DISK      ", "1.2 "));
     EXPECT_TRUE(Untouched(io.data.data() + 96, io.data.size() - 96));
+}
+
+TEST_F(HostSg, GenericNodeAnswersAsItsBlockDevice) {
+    Io io(kInquiry96, 96);
+    Issue(Open("/dev/sg0"), io);
+    ExpectGood(io, 0);
+    EXPECT_EQ(io.Data(96), StandardInquiry("ACME    ", "ARRAY DISK      ", "1.2 "));
+    mirvak_simsg_request r{};
+    ASSERT_EQ(mirvak_simsg_last_request(&r), 0);
+    EXPECT_STREQ(r.device, "/dev/sg0");  // recorded as opened
 }
 
 TEST_F(HostSg, StandardInquiryCutsLongTexts) {
