@@ -7,15 +7,25 @@
 // SCSI device index) under a private folder and points the path redirector,
 // which is linked into this program as into the tests, at it. Then it times:
 //
-//   Floor                one plain pass over the same sysfs tree: every
-//                        directory opened and every file opened and read
-//                        once, through the same redirected paths;
+//   Floor                one plain pass over the part of the sysfs tree the
+//                        plug-in's requests read, walked the way they walk
+//                        it (through the older link names): every directory
+//                        they list opened and every file they read opened
+//                        and read once, through the same redirected paths;
 //   GetFCoEAll           MvFCoEIni::GetFCoEAll, the whole-system snapshot;
 //   GetFCPTargetMapping  version 2 (with the LUID of each LUN, asked of the
 //                        simulated device nodes over SG_IO) for physical
 //                        port 0 of the first adapter;
 //   GetLunInfo           MvFCoEIni::GetLunInfo for the last target of the
-//                        last physical port of the last adapter, named by WWN.
+//                        last physical port of the last adapter, named by WWN;
+//   DistributionFCPTargetMapping
+//                        the distribution's own sysfs-based HBA library
+//                        (registered alone in the simulated host's
+//                        hba.conf) asked for the version 2 mapping of the
+//                        same port as GetFCPTargetMapping through the
+//                        distribution's front library, on the same tree.
+//                        (Ours is called through its own entry point: the
+//                        front library routes no version 2 mapping to it.)
 //
 // Counters, per call: drv_calls (driver library operations,
 // tusksim_call_total), files, dirs and lookups (paths the redirector mapped
@@ -40,9 +50,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -128,9 +138,13 @@ public:
         lun_key_.rport_index = static_cast<uint16_t>(ln.rnodes.size() - 1);
         std::memcpy(lun_key_.vport_wwpn, ln.port_wwn.data(), 8);
         std::memcpy(lun_key_.rport_wwpn, ln.rnodes.back().port_wwn.data(), 8);
+
+        open_distribution_library(port_luns);
     }
 
     ~World() {
+        if (distribution_handle_ != 0) HBA_CloseAdapter(distribution_handle_);
+        if (front_loaded_) HBA_FreeLibrary();
         if (handle_ != 0xFFFFFFFFu) mirvak_CloseAdapter(handle_);
         facade_.reset();
         unsetenv(sim::kRootEnv);
@@ -143,8 +157,54 @@ public:
     const HBA_WWN& mapping_port() const { return mapping_port_; }
     void* mapping() { return mapping_.data(); }
     vport_in& lun_key() { return lun_key_; }
+    // The distribution's library: the adapter whose port is the mapping's
+    // port (0 when it is not listed; distribution_error() says why).
+    HBA_HANDLE distribution_handle() const { return distribution_handle_; }
+    const std::string& distribution_error() const { return distribution_error_; }
+    HBA_FCPTARGETMAPPINGV2* distribution_mapping() {
+        return reinterpret_cast<HBA_FCPTARGETMAPPINGV2*>(distribution_mapping_.data());
+    }
+    HBA_UINT32 distribution_room() const { return distribution_room_; }
 
 private:
+    // Registers the distribution's library alone in the tree's hba.conf,
+    // loads it through the front library and opens the adapter of the
+    // mapping's port.
+    void open_distribution_library(std::size_t port_luns) {
+        if (!fs::exists(MIRVAK_DISTRIBUTION_HBA_LIBRARY)) {
+            distribution_error_ = std::string(MIRVAK_DISTRIBUTION_HBA_LIBRARY) + " is not installed";
+            return;
+        }
+        std::ofstream(root_ + "/etc/hba.conf", std::ios::app)
+            << "org.distribution.hbalinux\t" << MIRVAK_DISTRIBUTION_HBA_LIBRARY << "\n";
+        if (HBA_LoadLibrary() != HBA_STATUS_OK) {
+            distribution_error_ = "the front library did not load";
+            return;
+        }
+        front_loaded_ = true;
+        const HBA_UINT32 n = HBA_GetNumberOfAdapters();
+        for (HBA_UINT32 i = 0; i < n && distribution_handle_ == 0; ++i) {
+            char name[256] = {};
+            if (HBA_GetAdapterName(i, name) != HBA_STATUS_OK) continue;
+            const HBA_HANDLE h = HBA_OpenAdapter(name);
+            if (h == 0) continue;
+            HBA_PORTATTRIBUTES p;
+            std::memset(&p, 0, sizeof p);
+            if (HBA_GetAdapterPortAttributes(h, 0, &p) == HBA_STATUS_OK &&
+                std::memcmp(p.PortWWN.wwn, mapping_port_.wwn, 8) == 0) {
+                distribution_handle_ = h;
+            } else {
+                HBA_CloseAdapter(h);
+            }
+        }
+        if (distribution_handle_ == 0) {
+            distribution_error_ = "the distribution's library does not list the mapping's port";
+            return;
+        }
+        distribution_room_ = static_cast<HBA_UINT32>(port_luns + 1);
+        distribution_mapping_.assign(sizeof(HBA_FCPTARGETMAPPINGV2) + sizeof(HBA_FCPSCSIENTRYV2) * distribution_room_, 0);
+    }
+
     sim::Fabric fabric_;
     std::string root_;
     std::unique_ptr<MvFCoEIni> facade_;
@@ -153,6 +213,11 @@ private:
     HBA_WWN mapping_port_{};
     std::vector<uint8_t> mapping_;
     vport_in lun_key_{};
+    bool front_loaded_ = false;
+    HBA_HANDLE distribution_handle_ = 0;
+    std::string distribution_error_;
+    std::vector<char> distribution_mapping_;
+    HBA_UINT32 distribution_room_ = 0;
 };
 
 // The system of one size; building another removes the one before. Null,
@@ -216,42 +281,60 @@ public:
     }
 };
 
-// Every directory and file below dir once: what reading the tree costs at
-// the least. Links are followed (the class directories of a host may link
-// into its device tree), but each directory and each file is read once
-// however many names lead to it.
-struct Seen {
-    std::set<std::pair<dev_t, ino_t>> dirs;
-    std::set<std::pair<dev_t, ino_t>> files;
-};
-
-void read_tree(const std::string& dir, std::size_t& bytes, Seen& seen) {
+// The entries of a directory, "." and ".." left out; none when it cannot
+// be opened.
+std::vector<std::string> list_dir(const std::string& dir) {
+    std::vector<std::string> out;
     DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return;
-    while (const dirent* e = readdir(d)) {
-        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-        const std::string path = dir + "/" + e->d_name;
-        unsigned char type = e->d_type;
-        std::pair<dev_t, ino_t> id{0, e->d_ino};
-        struct stat st {};
-        if (type == DT_UNKNOWN || type == DT_LNK) {
-            if (stat(path.c_str(), &st) != 0) continue;
-            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
-            id = {0, st.st_ino};
-        }
-        if (type == DT_DIR) {
-            if (seen.dirs.insert(id).second) read_tree(path, bytes, seen);
-        } else if (type == DT_REG) {
-            if (!seen.files.insert(id).second) continue;
-            const int fd = open(path.c_str(), O_RDONLY);
-            if (fd < 0) continue;
-            char buf[4096];
-            ssize_t n = 0;
-            while ((n = read(fd, buf, sizeof buf)) > 0) bytes += static_cast<std::size_t>(n);
-            close(fd);
+    if (d == nullptr) return out;
+    while (const dirent* e = readdir(d))
+        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) out.emplace_back(e->d_name);
+    closedir(d);
+    return out;
+}
+
+void read_file(const std::string& path, std::size_t& bytes) {
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0) return;
+    char buf[4096];
+    ssize_t n = 0;
+    while ((n = read(fd, buf, sizeof buf)) > 0) bytes += static_cast<std::size_t>(n);
+    close(fd);
+}
+
+// What the plug-in's requests read of the tree, walked as they walk it and
+// each directory listed and each file read once: /sys/class/fc_host, each
+// hostH and its port_name, hostH/device, each rport-H:0-M and its
+// fc_remote_ports:rport-H:0-M/port_name, each targetH:0:T, each LUN
+// directory with a vendor file and its vendor, and each block:sdX/size.
+// The older link names are followed as the plug-in follows them; the
+// kernel's other views and attributes (statistics, scsi_host, generic and
+// block classes, the PCI functions) are not read.
+void read_as_requests(std::size_t& bytes) {
+    const std::string classes = "/sys/class/fc_host";
+    for (const std::string& h : list_dir(classes)) {
+        if (h.find("host") == std::string::npos) continue;
+        const std::string host = classes + "/" + h;
+        list_dir(host);
+        read_file(host + "/port_name", bytes);
+        const std::string device = host + "/device";
+        for (const std::string& r : list_dir(device)) {
+            if (r.find("rport") == std::string::npos) continue;
+            const std::string rport = device + "/" + r;
+            read_file(rport + "/fc_remote_ports:" + r + "/port_name", bytes);
+            for (const std::string& t : list_dir(rport)) {
+                if (t.find("target") == std::string::npos) continue;
+                const std::string target = rport + "/" + t;
+                for (const std::string& l : list_dir(target)) {
+                    const std::string lun = target + "/" + l;
+                    if (access((lun + "/vendor").c_str(), F_OK) != 0) continue;
+                    read_file(lun + "/vendor", bytes);
+                    for (const std::string& b : list_dir(lun))
+                        if (b.rfind("block:", 0) == 0) read_file(lun + "/" + b + "/size", bytes);
+                }
+            }
         }
     }
-    closedir(d);
 }
 
 void BM_Floor(benchmark::State& st, std::size_t size) {
@@ -259,8 +342,7 @@ void BM_Floor(benchmark::State& st, std::size_t size) {
     std::size_t bytes = 0;
     Tally tally;
     for (auto _ : st) {
-        Seen seen;
-        read_tree("/sys/class/fc_host", bytes, seen);
+        read_as_requests(bytes);
         benchmark::DoNotOptimize(bytes);
     }
     tally.report(st);
@@ -334,6 +416,31 @@ void BM_GetLunInfo(benchmark::State& st, std::size_t size) {
     st.counters["luns"] = static_cast<double>(length / sizeof(lun_info));
 }
 
+void BM_DistributionFCPTargetMapping(benchmark::State& st, std::size_t size) {
+    World* const world_of_size = world(st, size);
+    if (world_of_size == nullptr) return;
+    World& w = *world_of_size;
+    if (w.distribution_handle() == 0) {
+        st.SkipWithError(w.distribution_error().c_str());
+        return;
+    }
+    HBA_WWN port = w.mapping_port();
+    Tally tally;
+    {
+        Quiet quiet;
+        for (auto _ : st) {
+            w.distribution_mapping()->NumberOfEntries = w.distribution_room();
+            const HBA_STATUS status = HBA_GetFcpTargetMappingV2(w.distribution_handle(), port, w.distribution_mapping());
+            if (status != HBA_STATUS_OK) {
+                st.SkipWithError(("HBA_GetFcpTargetMappingV2 returned " + std::to_string(status)).c_str());
+                break;
+            }
+        }
+    }
+    tally.report(st);
+    st.counters["entries"] = w.distribution_mapping()->NumberOfEntries;
+}
+
 // The console output, then a summary of each shape measured in this run:
 // GetFCoEAll against Floor in time and in files and directories opened per
 // call, and, from one wide shape to the next (twice the local ports), how
@@ -399,6 +506,24 @@ public:
         if (!growth.empty())
             std::fprintf(out, "GetFCoEAll time against the wide shape before it (twice the local ports):\n%s",
                          growth.c_str());
+        std::string mappings;
+        for (const Size& size : kSizes) {
+            const std::string n = size.name;
+            const Measured* ours = find("GetFCPTargetMapping/" + n);
+            const Measured* theirs = find("DistributionFCPTargetMapping/" + n);
+            if (ours == nullptr || theirs == nullptr) continue;
+            char line[160];
+            std::snprintf(line, sizeof line, "%-8s %10.2f %10.2f %7.2fx (%5.2fx) %9.0f %9.0f\n", n.c_str(), ours->ms,
+                          theirs->ms, ratio(theirs->ms, ours->ms), ratio(theirs->cpu_ms, ours->cpu_ms), ours->opened,
+                          theirs->opened);
+            mappings += line;
+        }
+        if (!mappings.empty())
+            std::fprintf(out,
+                         "\nFCP target mapping, version 2, of the same port: the distribution's sysfs library\n"
+                         "(through the front library) against ours, measured in this run (wall; CPU in brackets):\n"
+                         "%-8s %10s %10s %16s %9s %9s\n%s",
+                         "shape", "ours ms", "distr. ms", "distr./ours", "ours opn", "distr opn", mappings.c_str());
     }
 
 private:
@@ -437,6 +562,9 @@ int main(int argc, char** argv) {
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
         benchmark::RegisterBenchmark(("GetLunInfo/" + n).c_str(), BM_GetLunInfo, s)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("DistributionFCPTargetMapping/" + n).c_str(), BM_DistributionFCPTargetMapping, s)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
     }
