@@ -33,6 +33,13 @@
 //       <name>, sys/block/sdX, sys/bus/scsi/devices/{hostH,targetH:0:T,
 //       H:0:T:L} -> the folders above
 //   sys/class/fc_transport/targetH:0:T/{port_name,node_name,port_id,device->}
+//   sys/devices/pci0000:00/0000:BB:DD.F/{vendor,device,subsystem_vendor,
+//       subsystem_device,class,revision,config,resource,irq,enable,driver->,
+//       net/enpBsDfF/{address,ifindex,iflink,...,device->}}
+//       (every port of the adapter; the fc_host's symbolic_name ends in
+//       "over enpBsDfF"), sys/class/net/enpBsDfF, sys/bus/pci/devices/
+//       0000:BB:DD.F, sys/bus/pci/drivers/tuskstor/{0000:BB:DD.F,module->},
+//       sys/module/tuskstor/version
 //   etc/hba.conf
 //   sim/sg.json        (the SCSI device index, see sg_index.h)
 //   sim/sg.stamp       (the index's length and hashes)
