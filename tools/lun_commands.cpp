@@ -153,7 +153,7 @@ std::string luid_hex(const uint8_t (&luid)[256]) {
 json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, const std::vector<PortView>& earlier,
                   bool* failed) {
     const Wwn local = to_wwn(port.attr.PortWWN);
-    json j{{"port", port.index}, {"port_wwn", wwn_text(local)}};
+    json j{{"port_num", port.index}, {"port_wwn", wwn_text(local)}};
 
     // The library picks the port whose WWN has the same last byte: a port
     // that shares it with an earlier one gets that one's mapping.
@@ -182,7 +182,7 @@ json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, c
     std::unique_ptr<unsigned char, FreeDeleter> buf(static_cast<unsigned char*>(std::calloc(bytes, 1)));
     if (!buf) throw std::bad_alloc();
     const int rc = GetFCPTargetMapping(h, buf.get(), 1, port.attr.PortWWN);
-    j["status"] = rc;
+    add_hba_status(j, "status", static_cast<unsigned>(rc));
     if (rc != 0) {
         j["error"] = describe_hba_status(static_cast<unsigned>(rc));
         *failed = true;
@@ -227,13 +227,13 @@ json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, c
 void print_mapping(std::FILE* out, const json& data) {
     if (data["adapters"].empty()) std::fprintf(out, "No adapters.\n");
     for (const json& a : data["adapters"]) {
-        const std::string name = a["adapter"];
+        const std::string name = a["adapter_name"];
         if (a.contains("error")) {
             std::fprintf(out, "%s: %s\n", name.c_str(), a["error"].get<std::string>().c_str());
             continue;
         }
         for (const json& p : a["ports"]) {
-            std::fprintf(out, "%s port %s (%s)\n", name.c_str(), value_text(p["port"]).c_str(),
+            std::fprintf(out, "%s port %s (%s)\n", name.c_str(), value_text(p["port_num"]).c_str(),
                          p["port_wwn"].get<std::string>().c_str());
             if (p.contains("error")) {
                 print_line(out, 2, "Mapping", "not available: " + p["error"].get<std::string>());
@@ -264,7 +264,7 @@ Outcome mapping_command(Session& s, const Selection& sel, bool* failed) {
     }
     json adapters = json::array();
     for (const std::string& name : names) {
-        json a{{"adapter", name}};
+        json a{{"adapter_name", name}};
         OpenAdapter open(name);
         if (!open.ok()) {
             a["error"] = "cannot open the adapter";
@@ -357,8 +357,8 @@ void print_scsi(std::FILE* out, const json& d) {
     std::fprintf(out, "%s to %s (%s), LUN %s of target %s, through %s port %s (%s)\n",
                  d["command"].get<std::string>().c_str(), d["device"].get<std::string>().c_str(),
                  d["hctl"].get<std::string>().c_str(), value_text(d["lun"]).c_str(),
-                 d["target_wwn"].get<std::string>().c_str(), d["adapter"].get<std::string>().c_str(),
-                 value_text(d["port"]).c_str(), d["port_wwn"].get<std::string>().c_str());
+                 d["target_wwn"].get<std::string>().c_str(), d["adapter_name"].get<std::string>().c_str(),
+                 value_text(d["port_num"]).c_str(), d["port_wwn"].get<std::string>().c_str());
     print_line(out, 2, "Status", describe_hba_status(d["status"].get<unsigned>()));
     if (d.contains("inquiry")) print_inquiry(out, d["inquiry"], 2);
     if (d.contains("vpd")) print_vpd(out, d["vpd"], 2);
@@ -428,8 +428,8 @@ Outcome scsi_command(Session& s, const ScsiRequest& r) {
     }
 
     json d{{"command", op_name(r.op)},
-           {"adapter", name},
-           {"port", route.port.index},
+           {"adapter_name", name},
+           {"port_num", route.port.index},
            {"port_wwn", wwn_text(route.local)},
            {"target_wwn", wwn_text(r.target)},
            {"lun", addressed->lun},
@@ -491,7 +491,7 @@ Outcome scsi_command(Session& s, const ScsiRequest& r) {
             break;
         }
     }
-    d["status"] = st;
+    add_hba_status(d, "status", st);
     Outcome o;
     o.data = d;
     o.text = [d](std::FILE* out) { print_scsi(out, d); };

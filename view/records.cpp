@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <cstring>
-#include <utility>
 
-#include "wwn_arg.h"
+#include "hex_text.h"
+#include "result_codes.h"
 
 using nlohmann::json;
 
@@ -14,10 +14,11 @@ namespace {
 
 #define TEXT(f) field_text((f), sizeof(f))
 
-std::string mac_text(const uint8_t (&m)[6]) {
-    char buf[18];
-    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return buf;
+std::string wwn(const HBA_WWN& w) { return hex_bytes(w.wwn, 8, ':'); }
+
+template <std::size_t N>
+std::string mac(const uint8_t (&m)[N]) {
+    return hex_bytes(m, N, ':');
 }
 
 std::string hex_text(uint64_t v, int digits) {
@@ -26,15 +27,8 @@ std::string hex_text(uint64_t v, int digits) {
     return buf;
 }
 
-// The block the driver hands over for the adapter, without its trailing
-// zero bytes.
-std::string trimmed_hex(const uint8_t* data, std::size_t n) {
-    while (n > 0 && data[n - 1] == 0) --n;
-    return hex_bytes(data, n);
-}
-
 // How a field is shown in text.
-enum class Show { Plain, Hex4, Hex6, Hex8 };
+enum class Show { Plain, Coded, Hex4, Hex6 };
 
 struct Field {
     const char* key;
@@ -42,149 +36,166 @@ struct Field {
     Show show;
 };
 
-void print_fields(std::FILE* out, const json& obj, int indent, const Field* fields, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) {
-        const Field& f = fields[i];
+template <std::size_t N>
+void print_fields(std::FILE* out, const json& obj, int indent, const Field (&fields)[N]) {
+    for (const Field& f : fields) {
         if (!obj.contains(f.key)) continue;
         const json& v = obj[f.key];
         std::string text;
         switch (f.show) {
             case Show::Plain: text = value_text(v); break;
+            case Show::Coded: text = coded_text(obj, f.key); break;
             case Show::Hex4: text = hex_text(v.get<uint64_t>(), 4); break;
             case Show::Hex6: text = hex_text(v.get<uint64_t>(), 6); break;
-            case Show::Hex8: text = hex_text(v.get<uint64_t>(), 8); break;
         }
         print_line(out, indent, f.label, text);
     }
 }
 
-template <std::size_t N>
-void print_fields(std::FILE* out, const json& obj, int indent, const Field (&fields)[N]) {
-    print_fields(out, obj, indent, fields, N);
-}
-
-std::string joined(const json& list) {
-    std::string s;
-    for (const json& v : list) s += (s.empty() ? "" : " ") + value_text(v);
-    return s;
-}
-
 }  // namespace
 
-std::string field_text(const char* field, std::size_t size) { return std::string(field, strnlen(field, size)); }
+std::string field_text(const char* field, std::size_t size) {
+    std::string out;
+    for (std::size_t i = 0; i < size && field[i] != '\0'; ++i) {
+        const auto c = static_cast<unsigned char>(field[i]);
+        if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+        } else {
+            char esc[5];
+            std::snprintf(esc, sizeof esc, "\\x%02x", c);
+            out += esc;
+        }
+    }
+    return out;
+}
 
 std::string value_text(const json& v) {
     if (v.is_string()) return v.get<std::string>();
     if (v.is_boolean()) return v.get<bool>() ? "yes" : "no";
-    if (v.is_array()) return joined(v);
+    if (v.is_array()) {
+        std::string s;
+        for (const json& e : v) s += (s.empty() ? "" : " ") + value_text(e);
+        return s;
+    }
     return v.dump();
+}
+
+std::string coded_text(const json& rec, const std::string& key) {
+    const std::string number = value_text(rec[key]);
+    const auto name = rec.find(key + "_name");
+    return name == rec.end() ? number : name->get<std::string>() + " (" + number + ")";
 }
 
 void print_line(std::FILE* out, int indent, const std::string& label, const std::string& value) {
     std::fprintf(out, "%*s%-20s %s\n", indent, "", (label + ":").c_str(), value.c_str());
 }
 
+void add_hba_status(json& j, const std::string& key, unsigned status) {
+    j[key] = status;
+    const std::string name = hba_status_name(status);
+    j[key + "_name"] = (name.empty() ? "" : name + ": ") + hba_status_meaning(status);
+}
+
+json adapter_attributes_json(const HBA_ADAPTERATTRIBUTES& s) {
+    return {{"manufacturer", TEXT(s.Manufacturer)},
+            {"serial_number", TEXT(s.SerialNumber)},
+            {"model", TEXT(s.Model)},
+            {"model_description", TEXT(s.ModelDescription)},
+            {"node_wwn", wwn(s.NodeWWN)},
+            {"node_symbolic_name", TEXT(s.NodeSymbolicName)},
+            {"hardware_version", TEXT(s.HardwareVersion)},
+            {"driver_version", TEXT(s.DriverVersion)},
+            {"option_rom_version", TEXT(s.OptionROMVersion)},
+            {"firmware_version", TEXT(s.FirmwareVersion)},
+            {"vendor_id", s.VendorSpecificID},
+            {"number_of_ports", s.NumberOfPorts},
+            {"driver_name", TEXT(s.DriverName)}};
+}
+
+json port_attributes_json(const HBA_PORTATTRIBUTES& a) {
+    return {{"node_wwn", wwn(a.NodeWWN)},
+            {"port_wwn", wwn(a.PortWWN)},
+            {"fc_id", a.PortFcId},
+            {"type", a.PortType},
+            {"type_name", port_type_name(a.PortType)},
+            {"state", a.PortState},
+            {"state_name", port_state_name(a.PortState)},
+            {"classes_of_service", a.PortSupportedClassofService},
+            {"classes_of_service_name", classes_of_service_name(a.PortSupportedClassofService)},
+            {"symbolic_name", TEXT(a.PortSymbolicName)},
+            {"os_device_name", TEXT(a.OSDeviceName)},
+            {"supported_speed", a.PortSupportedSpeed},
+            {"supported_speed_name", port_speed_name(a.PortSupportedSpeed)},
+            {"speed", a.PortSpeed},
+            {"speed_name", port_speed_name(a.PortSpeed)},
+            {"max_frame_size", a.PortMaxFrameSize},
+            {"fabric_name", wwn(a.FabricName)},
+            {"discovered_ports", a.NumberofDiscoveredPorts}};
+}
+
 json adapter_info_json(const adapter_info& a) {
-    // Copied out of the packed record before use.
-    const HBA_ADAPTERATTRIBUTES attr = a.attributes;
-    return json{
-        {"instance", a.instance},
-        {"name", TEXT(a.adapter_name)},
-        {"manufacturer", TEXT(attr.Manufacturer)},
-        {"serial_number", TEXT(attr.SerialNumber)},
-        {"model", TEXT(attr.Model)},
-        {"model_description", TEXT(attr.ModelDescription)},
-        {"node_wwn", wwn_text(attr.NodeWWN.wwn)},
-        {"node_symbolic_name", TEXT(attr.NodeSymbolicName)},
-        {"hardware_version", TEXT(attr.HardwareVersion)},
-        {"driver_version", TEXT(attr.DriverVersion)},
-        {"option_rom_version", TEXT(attr.OptionROMVersion)},
-        {"firmware_version", TEXT(attr.FirmwareVersion)},
-        {"vendor_id", attr.VendorSpecificID},
-        {"number_of_ports", attr.NumberOfPorts},
-        {"driver_name", TEXT(attr.DriverName)},
-        {"hw_byte_191", a.hw_byte_191},
-        {"hw_word_192", a.hw_word_192},
-        {"hw_word_284", a.hw_word_284},
-        {"hw_word_288", a.hw_word_288},
-        {"hw_word_292", a.hw_word_292},
-        {"hw_word_332", a.hw_word_332},
-        {"hw_text_246", TEXT(a.hw_text_246)},
-        {"hw_text_296", TEXT(a.hw_text_296)},
-        {"hw_block_336", trimmed_hex(a.hw_block_336, sizeof a.hw_block_336)},
-    };
+    const HBA_ADAPTERATTRIBUTES attr = a.attributes;  // copied out of the packed record
+    // block_336 as the fabric descriptions write it: the bytes up to the
+    // last non-zero one.
+    std::size_t block_len = sizeof a.hw_block_336;
+    while (block_len > 0 && a.hw_block_336[block_len - 1] == 0) --block_len;
+    json j = adapter_attributes_json(attr);
+    j["instance"] = static_cast<uint32_t>(a.instance);
+    j["name"] = TEXT(a.adapter_name);
+    j["hardware"] = {{"byte_191", static_cast<uint32_t>(a.hw_byte_191)},
+                     {"word_192", static_cast<uint32_t>(a.hw_word_192)},
+                     {"word_284", static_cast<uint32_t>(a.hw_word_284)},
+                     {"word_288", static_cast<uint32_t>(a.hw_word_288)},
+                     {"word_292", static_cast<uint32_t>(a.hw_word_292)},
+                     {"word_332", static_cast<uint32_t>(a.hw_word_332)},
+                     {"text_246", TEXT(a.hw_text_246)},
+                     {"text_296", TEXT(a.hw_text_296)},
+                     {"block_336", hex_bytes(a.hw_block_336, block_len, ' ')}};
+    return j;
 }
 
-json port_info_json(const port_info& p) {
-    const HBA_PORTATTRIBUTES a = p.attributes;
-    const uint32_t port_num = p.port_num, rport_index = p.rport_index;
-    const uint32_t lnode_id = p.lnode_id, word_5 = p.lnode_word_5, fcf = p.fcf_index, word_148 = p.lnode_word_148;
-    const uint32_t vports = p.lnode_word_28, rnode_index = p.rnode_index, rnode_byte_12 = p.rnode_byte_12;
-    const uint16_t phys_port = p.phys_port;
-    uint8_t lmac[6], pmac[6];
-    std::memcpy(lmac, p.lnode_mac, sizeof lmac);
-    std::memcpy(pmac, p.port_mac, sizeof pmac);
-    return json{
-        {"adapter", TEXT(p.adapter_name)},
-        {"port_num", port_num},
-        {"rport_index", rport_index},
-        {"node_wwn", wwn_text(a.NodeWWN.wwn)},
-        {"port_wwn", wwn_text(a.PortWWN.wwn)},
-        {"fc_id", a.PortFcId},
-        {"port_type", a.PortType},
-        {"state", a.PortState},
-        {"state_name", port_state_name(a.PortState)},
-        {"classes_of_service", a.PortSupportedClassofService},
-        {"symbolic_name", TEXT(a.PortSymbolicName)},
-        {"os_device_name", TEXT(a.OSDeviceName)},
-        {"supported_speed", a.PortSupportedSpeed},
-        {"speed", a.PortSpeed},
-        {"max_frame_size", a.PortMaxFrameSize},
-        {"fabric_name", wwn_text(a.FabricName.wwn)},
-        {"discovered_ports", a.NumberofDiscoveredPorts},
-        {"lnode_id", lnode_id},
-        {"lnode_word_5", word_5},
-        {"lnode_mac", mac_text(lmac)},
-        {"port_mac", mac_text(pmac)},
-        {"phys_port", phys_port},
-        {"fcf_index", fcf},
-        {"lnode_word_148", word_148},
-        {"port_error", p.lnode_flag != 0},
-        {"vport_count", vports},
-        {"vlan_id", p.vlan_id},
-        {"rnode_index", rnode_index},
-        {"role", TEXT(p.role)},
-        {"rnode_byte_12", rnode_byte_12},
-    };
+json port_info_json(const port_info& p, PortKind kind) {
+    const HBA_PORTATTRIBUTES attr = p.attributes;  // copied out of the packed record
+    json j = port_attributes_json(attr);
+    j["adapter_name"] = TEXT(p.adapter_name);
+    j["port_num"] = static_cast<uint32_t>(p.port_num);
+    if (kind == PortKind::Remote) {
+        j["rport_index"] = static_cast<uint32_t>(p.rport_index);
+        j["role"] = TEXT(p.role);
+        j["rnode_index"] = static_cast<uint32_t>(p.rnode_index);
+        // The remote node's words the library passes on without a meaning.
+        j["word_4"] = static_cast<uint32_t>(p.lnode_id);
+        j["byte_12"] = static_cast<uint32_t>(p.rnode_byte_12);
+        return j;
+    }
+    j["fcoe"] = {{"lnode_id", static_cast<uint32_t>(p.lnode_id)},
+                 {"word_5", static_cast<uint32_t>(p.lnode_word_5)},
+                 {"lnode_mac", mac(p.lnode_mac)},
+                 {"port_mac", mac(p.port_mac)},
+                 {"phys_port", static_cast<unsigned>(p.phys_port)},
+                 {"fcf_index", static_cast<uint32_t>(p.fcf_index)},
+                 {"word_148", static_cast<uint32_t>(p.lnode_word_148)},
+                 {"port_error", p.lnode_flag != 0},
+                 {"flag", static_cast<unsigned>(p.lnode_flag)},
+                 {"vport_word", static_cast<uint32_t>(p.lnode_word_28)},
+                 {"vlan_id", static_cast<unsigned>(p.vlan_id)}};
+    return j;
 }
 
-json port_stats_json(const port_stats& s) {
+json port_stats_json(const port_stats& s, PortKind kind) {
+    if (kind == PortKind::Remote) {
+        return {{"port_num", static_cast<uint32_t>(s.port_num)},
+                {"rport_index", static_cast<uint32_t>(s.rport_index)},
+                {"counters", {s.counter0, s.counter1, s.counter2, s.counter3}},
+                {"remote_counters", {s.rcounter0, s.rcounter1, s.rcounter2, s.rcounter3}}};
+    }
     const HBA_PORTSTATISTICS h = s.hba_stats;
-    const uint32_t counters[8] = {s.counter0, s.counter1, s.counter2, s.counter3,
-                                  s.counter4, s.counter5, s.counter6, s.counter7};
-    const uint32_t rcounters[4] = {s.rcounter0, s.rcounter1, s.rcounter2, s.rcounter3};
-    return json{
-        {"adapter", field_text(reinterpret_cast<const char*>(s.reserved_0), sizeof s.reserved_0)},
-        {"port_num", static_cast<uint32_t>(s.port_num)},
-        {"rport_index", static_cast<uint32_t>(s.rport_index)},
-        {"counters", counters},
-        {"rcounters", rcounters},
-        {"seconds_since_last_reset", h.SecondsSinceLastReset},
-        {"tx_frames", h.TxFrames},
-        {"tx_words", h.TxWords},
-        {"rx_frames", h.RxFrames},
-        {"rx_words", h.RxWords},
-        {"lip_count", h.LIPCount},
-        {"nos_count", h.NOSCount},
-        {"error_frames", h.ErrorFrames},
-        {"dumped_frames", h.DumpedFrames},
-        {"link_failure_count", h.LinkFailureCount},
-        {"loss_of_sync_count", h.LossOfSyncCount},
-        {"loss_of_signal_count", h.LossOfSignalCount},
-        {"primitive_seq_protocol_err_count", h.PrimitiveSeqProtocolErrCount},
-        {"invalid_tx_word_count", h.InvalidTxWordCount},
-        {"invalid_crc_count", h.InvalidCRCCount},
-    };
+    return {{"tx_frames", static_cast<int64_t>(h.TxFrames)},
+            {"tx_words", static_cast<int64_t>(h.TxWords)},
+            {"rx_frames", static_cast<int64_t>(h.RxFrames)},
+            {"rx_words", static_cast<int64_t>(h.RxWords)},
+            {"counters",
+             {s.counter0, s.counter1, s.counter2, s.counter3, s.counter4, s.counter5, s.counter6, s.counter7}}};
 }
 
 json lun_info_json(const lun_info& l) {
@@ -193,18 +204,14 @@ json lun_info_json(const lun_info& l) {
     // device field.
     constexpr std::size_t kHalf = sizeof l.device / 2;
     const uint64_t sectors = l.size;
-    return json{
-        {"port_num", mv::load<uint32_t>(l.reserved_0)},
-        {"rport_index", mv::load<uint32_t>(l.reserved_0 + 4)},
-        {"hctl", TEXT(l.hctl)},
-        {"device", field_text(l.device, kHalf)},
-        {"adapter", field_text(l.device + kHalf, kHalf)},
-        {"vendor", TEXT(l.vendor)},
-        {"size_sectors", sectors},
-        // A count of sectors the host's sysfs gives without bound; in bytes
-        // only when that fits in 64 bits.
-        {"size_bytes", sectors <= UINT64_MAX / 512 ? json(sectors * 512) : json(nullptr)},
-    };
+    return {{"port_index", mv::load<uint32_t>(l.reserved_0)},
+            {"remote_index", mv::load<uint32_t>(l.reserved_0 + 4)},
+            {"hctl", TEXT(l.hctl)},
+            {"device", field_text(l.device, kHalf)},
+            {"adapter_name", field_text(l.device + kHalf, kHalf)},
+            {"vendor", TEXT(l.vendor)},
+            {"size", sectors},
+            {"size_name", size_name(sectors)}};
 }
 
 void print_adapter_info(std::FILE* out, const json& a, int indent) {
@@ -222,33 +229,40 @@ void print_adapter_info(std::FILE* out, const json& a, int indent) {
         {"node_wwn", "Node WWN", Show::Plain},
         {"vendor_id", "Vendor id", Show::Hex4},
         {"number_of_ports", "Ports", Show::Plain},
-        {"hw_text_246", "Hardware text 246", Show::Plain},
-        {"hw_text_296", "Hardware text 296", Show::Plain},
-        {"hw_byte_191", "Hardware byte 191", Show::Plain},
-        {"hw_word_192", "Hardware word 192", Show::Plain},
-        {"hw_word_284", "Hardware word 284", Show::Plain},
-        {"hw_word_288", "Hardware word 288", Show::Plain},
-        {"hw_word_292", "Hardware word 292", Show::Plain},
-        {"hw_word_332", "Hardware word 332", Show::Plain},
-        {"hw_block_336", "Hardware block 336", Show::Plain},
+    };
+    static const Field kHardware[] = {
+        {"text_246", "Hardware text 246", Show::Plain},
+        {"text_296", "Hardware text 296", Show::Plain},
+        {"byte_191", "Hardware byte 191", Show::Plain},
+        {"word_192", "Hardware word 192", Show::Plain},
+        {"word_284", "Hardware word 284", Show::Plain},
+        {"word_288", "Hardware word 288", Show::Plain},
+        {"word_292", "Hardware word 292", Show::Plain},
+        {"word_332", "Hardware word 332", Show::Plain},
+        {"block_336", "Hardware block 336", Show::Plain},
     };
     print_fields(out, a, indent, kFields);
+    if (a.contains("hardware")) print_fields(out, a["hardware"], indent, kHardware);
 }
 
 void print_port_info(std::FILE* out, const json& p, int indent, PortKind kind) {
     static const Field kCommon[] = {
+        {"state", "State", Show::Coded},
         {"port_wwn", "Port WWN", Show::Plain},
         {"node_wwn", "Node WWN", Show::Plain},
         {"fc_id", "FC id", Show::Hex6},
-        {"classes_of_service", "Classes of service", Show::Plain},
+        {"type", "Port type", Show::Coded},
+        {"classes_of_service", "Classes of service", Show::Coded},
     };
     static const Field kLocal[] = {
-        {"speed", "Speed code", Show::Plain},
-        {"supported_speed", "Supported speed", Show::Plain},
+        {"speed", "Speed", Show::Coded},
+        {"supported_speed", "Supported speed", Show::Coded},
         {"max_frame_size", "Max frame size", Show::Plain},
         {"fabric_name", "Fabric name", Show::Plain},
         {"discovered_ports", "Discovered ports", Show::Plain},
         {"os_device_name", "OS device name", Show::Plain},
+    };
+    static const Field kFcoe[] = {
         {"lnode_mac", "FCoE MAC", Show::Plain},
         {"port_mac", "Port MAC", Show::Plain},
         {"phys_port", "Physical port", Show::Plain},
@@ -260,27 +274,27 @@ void print_port_info(std::FILE* out, const json& p, int indent, PortKind kind) {
     static const Field kRemote[] = {
         {"role", "Role", Show::Plain},
         {"rnode_index", "Remote node index", Show::Plain},
-        {"lnode_id", "Remote node word 4", Show::Plain},
-        {"rnode_byte_12", "Remote node byte 12", Show::Plain},
+        {"word_4", "Remote node word 4", Show::Plain},
+        {"byte_12", "Remote node byte 12", Show::Plain},
     };
-    print_line(out, indent, "State", p["state_name"].get<std::string>() + " (" + value_text(p["state"]) + ")");
     print_fields(out, p, indent, kCommon);
     if (kind == PortKind::Remote) {
         print_fields(out, p, indent, kRemote);
         return;
     }
     print_fields(out, p, indent, kLocal);
-    if (kind == PortKind::Local) print_line(out, indent, "Virtual ports", value_text(p["vport_count"]));
-    if (!p["symbolic_name"].get<std::string>().empty())
+    if (p.contains("fcoe")) {
+        print_fields(out, p["fcoe"], indent, kFcoe);
+        if (kind == PortKind::Local) print_line(out, indent, "Virtual ports", value_text(p["fcoe"]["vport_word"]));
+    }
+    if (!p.value("symbolic_name", std::string()).empty())
         print_line(out, indent, "Symbolic name", p["symbolic_name"].get<std::string>());
 }
 
 void print_port_stats(std::FILE* out, const json& s, int indent, PortKind kind) {
     if (kind == PortKind::Remote) {
-        std::string counters;
-        for (std::size_t i = 0; i < 4; ++i) counters += (i ? " " : "") + value_text(s["counters"][i]);
-        print_line(out, indent, "Counters 0-3", counters);
-        print_line(out, indent, "Remote counters 0-3", value_text(s["rcounters"]));
+        print_line(out, indent, "Counters 0-3", value_text(s["counters"]));
+        print_line(out, indent, "Remote counters 0-3", value_text(s["remote_counters"]));
         return;
     }
     if (kind == PortKind::Local) {
@@ -294,9 +308,13 @@ void print_lun_info(std::FILE* out, const json& l, int indent) {
     print_line(out, indent, "Device", l["device"].get<std::string>());
     print_line(out, indent, "H:C:T:L", l["hctl"].get<std::string>());
     print_line(out, indent, "Vendor", l["vendor"].get<std::string>());
-    const std::string sectors = value_text(l["size_sectors"]) + " sectors of 512 bytes";
+    // A count of sectors the host's sysfs gives without bound; in bytes
+    // only when that fits in 64 bits.
+    const uint64_t sectors = l["size"].get<uint64_t>();
+    const std::string in_sectors = value_text(l["size"]) + " sectors of 512 bytes";
     print_line(out, indent, "Size",
-               l["size_bytes"].is_null() ? sectors : value_text(l["size_bytes"]) + " bytes (" + sectors + ")");
+               sectors > UINT64_MAX / 512 ? in_sectors
+                                          : std::to_string(sectors * 512) + " bytes (" + in_sectors + ")");
 }
 
 }  // namespace mv::tool
