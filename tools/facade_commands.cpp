@@ -418,7 +418,8 @@ Outcome npiv_command(Session& s, const NpivRequest& r, bool create) {
             return;
         }
         std::string port = "port " + value_text(data["port_wwpn"]);
-        if (data.contains("port")) port = "port " + value_text(data["port"]) + " (" + value_text(data["port_wwpn"]) + ")";
+        if (data.contains("port_num"))
+            port = "port " + value_text(data["port_num"]) + " (" + value_text(data["port_wwpn"]) + ")";
         std::fprintf(out, "Created virtual port %s (node %s) on %s of %s.\n", vport.c_str(),
                      value_text(data["vport_wwnn"]).c_str(), port.c_str(), adapter.c_str());
     };
