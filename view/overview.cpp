@@ -22,7 +22,9 @@ std::string str(const json& j, const char* key) {
 
 uint64_t num(const json& j, const char* key) {
     const auto it = j.find(key);
-    return it != j.end() && it->is_number_unsigned() ? it->get<uint64_t>() : 0;
+    if (it == j.end() || !it->is_number_integer()) return 0;
+    if (it->is_number_unsigned()) return it->get<uint64_t>();
+    return it->get<int64_t>() < 0 ? 0 : static_cast<uint64_t>(it->get<int64_t>());
 }
 
 std::string plural(uint64_t n, const std::string& one, const std::string& many) {
