@@ -1,7 +1,8 @@
 // Snapshot decoder: any bytes to decode_snapshot, and the decoded tree to
 // snapshot_text, the overview and the topology graph. The decoder must
-// answer a tree or a DecodeError whose offset lies within the stream; nothing else may escape. The custom
-// mutator works on real snapshots (fuzz/corpus/snapshot_decode): besides
+// answer a tree or a DecodeError whose offset lies within the stream;
+// nothing else may escape. The custom mutator works on real snapshots
+// (fuzz/corpus/snapshot_decode): besides
 // libFuzzer's own byte mutations it writes counts (0, 1, large, off by
 // one) as 32-bit words anywhere, cuts the stream, and removes or repeats
 // whole records of the stream's record sizes.
