@@ -1,6 +1,5 @@
 #include "output.h"
 #include "records.h"
-#include "wwn_arg.h"
 
 #include <cstring>
 #include <string>
@@ -49,8 +48,6 @@ json port_json(const PluginLoader& plugin, HBA_HANDLE h, HBA_UINT32 index) {
 }
 
 }  // namespace
-
-std::string format_wwn(const HBA_WWN& w) { return mv::tool::wwn_text(w.wwn); }
 
 json gather_adapters(const PluginLoader& plugin) {
     json adapters = json::array();
