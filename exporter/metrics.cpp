@@ -11,6 +11,7 @@
 #include "mirvak/mv_fcoe_ini.h"
 #include "hex_text.h"
 #include "port_names.h"
+#include "records.h"
 
 namespace mv::exporter {
 
@@ -35,7 +36,7 @@ constexpr Definition kDefinitions[] = {
     {"mirvak_adapter_info", MetricType::Gauge, "The adapter's description; the value is always 1."},
     {"mirvak_adapter_ports", MetricType::Gauge, "Physical ports the adapter reports."},
     {"mirvak_port_info", MetricType::Gauge,
-     "A physical port's description (state, speed code, type, fabric, FCF, VLAN, MACs); always 1."},
+     "A physical port's description (state, speed and type in words, fabric, FCF, VLAN, MACs); always 1."},
     {"mirvak_port_up", MetricType::Gauge, "1 when the physical port answered its statistics request, else 0."},
     {"mirvak_port_result_code", MetricType::Gauge, "Result code of the physical port's statistics request."},
     {"mirvak_port_state", MetricType::Gauge, "The physical port's state code (2 online, 3 offline, 6 link down)."},
@@ -48,13 +49,13 @@ constexpr Definition kDefinitions[] = {
     {"mirvak_port_driver_events_total", MetricType::Counter,
      "The driver's own counters of the physical port (counter0..counter7), as the driver counts them."},
     {"mirvak_vport_info", MetricType::Gauge,
-     "A virtual port's description (state, speed code, type, fabric, FCF, VLAN, MACs); always 1."},
+     "A virtual port's description (state, speed and type in words, fabric, FCF, VLAN, MACs); always 1."},
     {"mirvak_vport_up", MetricType::Gauge, "1 when the virtual port answered its statistics request, else 0."},
     {"mirvak_vport_result_code", MetricType::Gauge, "Result code of the virtual port's statistics request."},
     {"mirvak_vport_state", MetricType::Gauge, "The virtual port's state code (2 online, 3 offline, 6 link down)."},
     {"mirvak_vport_driver_events_total", MetricType::Counter,
      "The driver's own counters of the virtual port (counter0..counter7), as the driver counts them."},
-    {"mirvak_rport_info", MetricType::Gauge, "A remote port's description (role, state, node WWN); always 1."},
+    {"mirvak_rport_info", MetricType::Gauge, "A remote port's description (role, state in words, node WWN); always 1."},
     {"mirvak_rport_up", MetricType::Gauge, "1 when the remote port answered its statistics request, else 0."},
     {"mirvak_rport_state", MetricType::Gauge, "The remote port's state code (2 online, 3 offline)."},
     {"mirvak_rport_driver_events_total", MetricType::Counter,
@@ -69,12 +70,12 @@ bool nothing_there(int code) {
     return code == FCOE_ERR_NO_PORTS || code == FCOE_ERR_NO_REMOTE_PORTS || code == FCOE_ERR_NO_LUNS;
 }
 
-std::string text(const char* field, std::size_t size) { return std::string(field, strnlen(field, size)); }
-#define TEXT(f) text((f), sizeof(f))
+using mv::tool::field_text;
+#define TEXT(f) field_text((f), sizeof(f))
 
 // "host3" out of "/sys/class/fc_host/host3"; "" when the port has none.
 std::string fc_host_of(const char* os_device_name, std::size_t size) {
-    const std::string path = text(os_device_name, size);
+    const std::string path = field_text(os_device_name, size);
     const std::size_t slash = path.rfind('/');
     const std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
     return last.rfind("host", 0) == 0 ? last : std::string();
@@ -129,7 +130,7 @@ public:
                 continue;
             }
             ++r.adapters;
-            adapter(text(name, sizeof name));
+            adapter(field_text(name, sizeof name));
         }
         // Families without series are left out of the exposition.
         for (MetricFamily& f : families_)
@@ -205,20 +206,18 @@ private:
         return FCOE_OK;
     }
 
-    // Description labels shared by physical and virtual ports.
+    // Description labels shared by physical and virtual ports: named and
+    // worded as mirvak-hba's records name them (view/records.h), WWNs in the
+    // exporter's 0x form.
     static Labels described(Labels labels, const port_info& p) {
+        const nlohmann::json j = mv::tool::port_info_json(p, mv::tool::PortKind::Local);
+        for (const char* key : {"state_name", "speed_name", "type_name"})
+            labels.push_back({key, j[key].get<std::string>()});
         const HBA_PORTATTRIBUTES a = p.attributes;
-        uint8_t lmac[6], pmac[6];
-        std::memcpy(lmac, p.lnode_mac, sizeof lmac);
-        std::memcpy(pmac, p.port_mac, sizeof pmac);
-        labels.push_back({"state", mv::tool::port_state_name(a.PortState)});
-        labels.push_back({"speed", std::to_string(a.PortSpeed)});
-        labels.push_back({"type", std::to_string(a.PortType)});
         labels.push_back({"fabric_name", wwn_label(a.FabricName.wwn)});
-        labels.push_back({"fcf_index", std::to_string(static_cast<uint32_t>(p.fcf_index))});
-        labels.push_back({"vlan", std::to_string(static_cast<unsigned>(p.vlan_id))});
-        labels.push_back({"port_mac", mv::tool::hex_bytes(pmac, 6, ':')});
-        labels.push_back({"fcoe_mac", mv::tool::hex_bytes(lmac, 6, ':')});
+        const nlohmann::json& f = j["fcoe"];
+        for (const char* key : {"fcf_index", "vlan_id", "port_mac", "lnode_mac"})
+            labels.push_back({key, mv::tool::value_text(f[key])});
         return labels;
     }
 
@@ -276,7 +275,7 @@ private:
         labels.push_back({"rport_wwpn", wwn_label(a.PortWWN.wwn)});
         Labels info = labels;
         info.push_back({"role", TEXT(r.role)});
-        info.push_back({"state", mv::tool::port_state_name(a.PortState)});
+        info.push_back({"state_name", mv::tool::port_state_name(a.PortState)});
         info.push_back({"node_wwn", wwn_label(a.NodeWWN.wwn)});
         add("mirvak_rport_info", info, 1);
         add("mirvak_rport_state", labels, a.PortState);
@@ -315,7 +314,7 @@ private:
             std::memcpy(&l, block + i * sizeof(lun_info), sizeof l);
             Labels labels = parent;
             labels.push_back({"lun", std::to_string(i)});
-            labels.push_back({"device", text(l.device, sizeof l.device - 256)});
+            labels.push_back({"device", field_text(l.device, sizeof l.device - 256)});
             add("mirvak_lun_size_bytes", labels, static_cast<double>(l.size) * 512.0);
             labels.push_back({"hctl", TEXT(l.hctl)});
             labels.push_back({"vendor", TEXT(l.vendor)});

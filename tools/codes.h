@@ -1,25 +1,14 @@
-// Names and meanings of the result codes this program reports: the facade's
-// result codes (MvFCoEIni) and the statuses of the standard face.
+// How this program reports failures: the exceptions its commands throw and
+// its exit statuses (the codes' names and meanings are in view/).
 #ifndef MIRVAK_TOOLS_CODES_H
 #define MIRVAK_TOOLS_CODES_H
 
 #include <stdexcept>
 #include <string>
 
+#include "result_codes.h"  // the codes' names and meanings
+
 namespace mv::tool {
-
-// "FCOE_ERR_PORT_NOT_FOUND" (or "" for a code without a name) and what the
-// code means to the user.
-std::string facade_code_name(int code);
-std::string facade_code_meaning(int code);
-// "292 FCOE_ERR_PORT_NOT_FOUND (no port of the adapter has the requested WWPN)"
-std::string describe_facade_code(int code);
-
-// The standard face's statuses: "HBA_STATUS_ERROR_INVALID_LUN" and a
-// meaning; -1 (all bits set) and the extended port-offline status included.
-std::string hba_status_name(unsigned status);
-std::string hba_status_meaning(unsigned status);
-std::string describe_hba_status(unsigned status);
 
 // A request the library answered with a failure. The message names the
 // request and the code; main prints it and exits with kExitFailed.

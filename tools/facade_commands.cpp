@@ -80,11 +80,16 @@ std::vector<Rec> records(const void* data, std::size_t size, const char* method)
     return out;
 }
 
-template <class Rec>
-json records_json(const std::vector<Rec>& recs, json (*to_json)(const Rec&)) {
+template <class Rec, class ToJson>
+json records_json(const std::vector<Rec>& recs, ToJson to_json) {
     json list = json::array();
     for (const Rec& r : recs) list.push_back(to_json(r));
     return list;
+}
+
+// The renderer of a port record of the kind given.
+auto port_renderer(PortKind kind) {
+    return [kind](const port_info& p) { return port_info_json(p, kind); };
 }
 
 // The port a selection names, in words: "port 1" or "port 21:00:...".
@@ -160,7 +165,7 @@ Outcome stats_outcome(Session& s, const std::string& name, Key key, int (MvFCoEI
     std::memset(&stats, 0, sizeof stats);
     unsigned int size = 0;
     check_facade((s.facade().*method)(&key, &stats, &size), method_name);
-    return one_outcome(json{{"adapter", name}, {"statistics", port_stats_json(stats)}}, "statistics", title,
+    return one_outcome(json{{"adapter_name", name}, {"statistics", port_stats_json(stats, kind)}}, "statistics", title,
                        [kind](std::FILE* out, const json& st) { print_port_stats(out, st, 2, kind); });
 }
 
@@ -208,9 +213,9 @@ Outcome ports_command(Session& s, const Selection& sel) {
     check_facade(s.facade().GetAllPortsInfo(&key, buf.data(), &size), "GetAllPortsInfo");
     const json list = records_json(records<port_info>(buf.data(), std::min<std::size_t>(size, buf.size()),
                                                       "GetAllPortsInfo"),
-                                   &port_info_json);
+                                   port_renderer(PortKind::Local));
     return list_outcome(
-        json{{"adapter", name}, {"ports", list}}, "ports",
+        json{{"adapter_name", name}, {"ports", list}}, "ports",
         [name, list](std::size_t i) { return name + " port " + value_text(list[i]["port_num"]); },
         local_port_printer(PortKind::Local), "No ports.");
 }
@@ -224,7 +229,7 @@ Outcome port_command(Session& s, const Selection& sel) {
     unsigned int size = 0;
     check_facade(s.facade().GetPortInfo(&key, buf.data(), &size), "GetPortInfo");
     json list = records_json(records<port_info>(buf.data(), std::min<std::size_t>(size, buf.size()), "GetPortInfo"),
-                             &port_info_json);
+                             port_renderer(PortKind::Local));
     if (sel.port) {
         json chosen = json::array();
         for (const json& p : list)
@@ -236,7 +241,7 @@ Outcome port_command(Session& s, const Selection& sel) {
         list = chosen;
     }
     return list_outcome(
-        json{{"adapter", name}, {"ports", list}}, "ports",
+        json{{"adapter_name", name}, {"ports", list}}, "ports",
         [name, list](std::size_t i) { return name + " port " + value_text(list[i]["port_num"]); },
         local_port_printer(PortKind::Local), "No ports.");
 }
@@ -264,10 +269,10 @@ Outcome rports_command(Session& s, const Selection& sel) {
     unsigned int size = 0;
     check_facade(s.facade().GetRemotePortInfo(&key, &block.p, &size), "GetRemotePortInfo");
     const json list =
-        records_json(records<port_info>(block.p, size, "GetRemotePortInfo"), &port_info_json);
+        records_json(records<port_info>(block.p, size, "GetRemotePortInfo"), port_renderer(PortKind::Remote));
     const std::string where = name + " " + port_words(sel);
     return list_outcome(
-        json{{"adapter", name}, {"remote_ports", list}}, "remote_ports",
+        json{{"adapter_name", name}, {"remote_ports", list}}, "remote_ports",
         [where](std::size_t i) { return where + ", remote port " + std::to_string(i); },
         local_port_printer(PortKind::Remote), "No remote ports.");
 }
@@ -286,10 +291,10 @@ Outcome vports_command(Session& s, const Selection& sel) {
     const int rc = s.facade().GetVirPortForPort(&key, &block.p, &size);
     check_facade(rc, "GetVirPortForPort");
     const json list = records_json(records<port_info>(block.p, block.p ? size : 0, "GetVirPortForPort"),
-                                   &port_info_json);
+                                   port_renderer(PortKind::Virtual));
     const std::string where = name + " " + port_words(sel);
     return list_outcome(
-        json{{"adapter", name}, {"virtual_ports", list}}, "virtual_ports",
+        json{{"adapter_name", name}, {"virtual_ports", list}}, "virtual_ports",
         [where](std::size_t i) { return where + ", virtual port " + std::to_string(i); },
         local_port_printer(PortKind::Virtual), "No virtual ports.");
 }
@@ -307,10 +312,11 @@ Outcome vport_rports_command(Session& s, const Selection& sel) {
     unsigned int size = 0;
     check_facade(s.facade().GetRPortForVPort(&key, &block.p, &size), "GetRPortForVPort");
     const json list =
-        records_json(records<port_info>(block.p, block.p ? size : 0, "GetRPortForVPort"), &port_info_json);
+        records_json(records<port_info>(block.p, block.p ? size : 0, "GetRPortForVPort"),
+                     port_renderer(PortKind::Remote));
     const std::string where = name + " " + vport_words(sel);
     return list_outcome(
-        json{{"adapter", name}, {"remote_ports", list}}, "remote_ports",
+        json{{"adapter_name", name}, {"remote_ports", list}}, "remote_ports",
         [where](std::size_t i) { return where + ", remote port " + std::to_string(i); },
         local_port_printer(PortKind::Remote), "No remote ports.");
 }
@@ -328,7 +334,7 @@ Outcome luns_outcome(const std::string& name, const std::string& where, const ch
                      unsigned int size) {
     const json list = records_json(records<lun_info>(block.p, block.p ? size : 0, method), &lun_info_json);
     return list_outcome(
-        json{{"adapter", name}, {"luns", list}}, "luns",
+        json{{"adapter_name", name}, {"luns", list}}, "luns",
         [where, list](std::size_t i) {
             return where + ": " + list[i]["device"].get<std::string>();
         },
@@ -395,24 +401,25 @@ Outcome npiv_command(Session& s, const NpivRequest& r, bool create) {
                           : s.facade().DeleteNPIV(name.c_str(), vport_wwpn.data(), vport_wwnn.data(),
                                                   port_wwpn.data(), port_wwnn.data());
     check_facade(rc, create ? "CreateNPIV" : "DeleteNPIV");
-    json data{{"adapter", name},
+    json data{{"adapter_name", name},
               {"operation", create ? "create" : "delete"},
               {"vport_wwpn", wwn_text(vport_wwpn)},
               {"vport_wwnn", wwn_text(vport_wwnn)},
               {"port_wwpn", wwn_text(port_wwpn)},
               {"port_wwnn", wwn_text(port_wwnn)}};
-    if (r.sel.port) data["port"] = *r.sel.port;
+    if (r.sel.port) data["port_num"] = *r.sel.port;
     Outcome o;
     o.data = data;
     o.text = [data, create](std::FILE* out) {
         const std::string vport = value_text(data["vport_wwpn"]);
-        const std::string adapter = value_text(data["adapter"]);
+        const std::string adapter = value_text(data["adapter_name"]);
         if (!create) {
             std::fprintf(out, "Deleted virtual port %s from %s.\n", vport.c_str(), adapter.c_str());
             return;
         }
         std::string port = "port " + value_text(data["port_wwpn"]);
-        if (data.contains("port")) port = "port " + value_text(data["port"]) + " (" + value_text(data["port_wwpn"]) + ")";
+        if (data.contains("port_num"))
+            port = "port " + value_text(data["port_num"]) + " (" + value_text(data["port_wwpn"]) + ")";
         std::fprintf(out, "Created virtual port %s (node %s) on %s of %s.\n", vport.c_str(),
                      value_text(data["vport_wwnn"]).c_str(), port.c_str(), adapter.c_str());
     };

@@ -11,6 +11,7 @@
 #include "codes.h"
 #include "mirvak/fcp_mapping.h"
 #include "mirvak/host_view.h"
+#include "lun_records.h"
 #include "records.h"
 #include "scsi_decode.h"
 
@@ -42,12 +43,6 @@ unsigned long wwn_number(const Wwn& w) {
     unsigned long v = 0;
     for (uint8_t b : w) v = v << 8 | b;
     return v;
-}
-
-std::string hex64(uint64_t v) {
-    char buf[24];
-    std::snprintf(buf, sizeof buf, "0x%016llx", static_cast<unsigned long long>(v));
-    return buf;
 }
 
 // The LUNs the host lists behind one target of one local port.
@@ -138,22 +133,10 @@ std::vector<PortView> selected_ports(HBA_HANDLE h, const std::string& name, cons
 
 // ---- FCP target mapping ----
 
-bool all_zero(const unsigned char* p, std::size_t n) {
-    return std::all_of(p, p + n, [](unsigned char b) { return b == 0; });
-}
-
-// The LUID as the library leaves it: one designator at the start of the
-// 256 bytes (its length in byte 3), zeros after it.
-std::string luid_hex(const uint8_t (&luid)[256]) {
-    if (all_zero(luid, sizeof luid)) return "";
-    const std::size_t n = std::min<std::size_t>(4u + luid[3], sizeof luid);
-    return hex_bytes(luid, n);
-}
-
 json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, const std::vector<PortView>& earlier,
                   bool* failed) {
     const Wwn local = to_wwn(port.attr.PortWWN);
-    json j{{"port", port.index}, {"port_wwn", wwn_text(local)}};
+    json j{{"port_num", port.index}, {"port_wwn", wwn_text(local)}};
 
     // The library picks the port whose WWN has the same last byte: a port
     // that shares it with an earlier one gets that one's mapping.
@@ -182,7 +165,7 @@ json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, c
     std::unique_ptr<unsigned char, FreeDeleter> buf(static_cast<unsigned char*>(std::calloc(bytes, 1)));
     if (!buf) throw std::bad_alloc();
     const int rc = GetFCPTargetMapping(h, buf.get(), 1, port.attr.PortWWN);
-    j["status"] = rc;
+    add_hba_status(j, "status", static_cast<unsigned>(rc));
     if (rc != 0) {
         j["error"] = describe_hba_status(static_cast<unsigned>(rc));
         *failed = true;
@@ -196,25 +179,7 @@ json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, c
     for (std::size_t i = 0; i < scan; ++i) {
         MV_FCPSCSIENTRYV2 e;
         std::memcpy(&e, buf.get() + offsetof(MV_FCPTARGETMAPPINGV2, entry) + i * sizeof e, sizeof e);
-        if (all_zero(reinterpret_cast<const unsigned char*>(&e), sizeof e)) continue;  // never written
-        const std::string device = field_text(e.ScsiId.OSDeviceName, sizeof e.ScsiId.OSDeviceName);
-        const uint32_t bus = e.ScsiId.ScsiBusNumber, target = e.ScsiId.ScsiTargetNumber, lun = e.ScsiId.ScsiOSLun;
-        const auto found = hctl_of.find(device);
-        // The record carries no channel; the host's view of the device has it.
-        const std::string hctl = found != hctl_of.end() ? found->second
-                                                        : std::to_string(bus) + ":?:" + std::to_string(target) +
-                                                              ":" + std::to_string(lun);
-        const uint64_t fcp_lun = e.FcpId.FcpLun;
-        entries.push_back(json{{"device", device},
-                               {"hctl", hctl},
-                               {"scsi_bus", bus},
-                               {"scsi_target", target},
-                               {"scsi_lun", lun},
-                               {"fc_id", static_cast<uint32_t>(e.FcpId.FcId)},
-                               {"target_node_wwn", wwn_text(e.FcpId.NodeWWN)},
-                               {"target_port_wwn", wwn_text(e.FcpId.PortWWN)},
-                               {"fcp_lun", hex64(fcp_lun)},
-                               {"luid", luid_hex(e.LUID)}});
+        if (auto entry = mapping_entry_json(e, hctl_of)) entries.push_back(std::move(*entry));
     }
     j["entries"] = entries;
     if (entries.size() < reported && !j.contains("note"))
@@ -222,35 +187,6 @@ json port_mapping(HBA_HANDLE h, const std::string& name, const PortView& port, c
                     " LUNs but writes each target's LUNs from the first entry again, so " +
                     std::to_string(entries.size()) + " entries are present";
     return j;
-}
-
-void print_mapping(std::FILE* out, const json& data) {
-    if (data["adapters"].empty()) std::fprintf(out, "No adapters.\n");
-    for (const json& a : data["adapters"]) {
-        const std::string name = a["adapter"];
-        if (a.contains("error")) {
-            std::fprintf(out, "%s: %s\n", name.c_str(), a["error"].get<std::string>().c_str());
-            continue;
-        }
-        for (const json& p : a["ports"]) {
-            std::fprintf(out, "%s port %s (%s)\n", name.c_str(), value_text(p["port"]).c_str(),
-                         p["port_wwn"].get<std::string>().c_str());
-            if (p.contains("error")) {
-                print_line(out, 2, "Mapping", "not available: " + p["error"].get<std::string>());
-                continue;
-            }
-            print_line(out, 2, "Entries", value_text(p["number_of_entries"]));
-            if (p.contains("note")) print_line(out, 2, "Note", p["note"].get<std::string>());
-            for (const json& e : p["entries"]) {
-                std::fprintf(out, "  %s\n", e["device"].get<std::string>().c_str());
-                print_line(out, 4, "H:C:T:L", e["hctl"].get<std::string>());
-                print_line(out, 4, "Target port WWN", e["target_port_wwn"].get<std::string>());
-                print_line(out, 4, "Target node WWN", e["target_node_wwn"].get<std::string>());
-                print_line(out, 4, "FCP LUN", e["fcp_lun"].get<std::string>());
-                print_line(out, 4, "LUID", e["luid"].get<std::string>());
-            }
-        }
-    }
 }
 
 }  // namespace
@@ -264,7 +200,7 @@ Outcome mapping_command(Session& s, const Selection& sel, bool* failed) {
     }
     json adapters = json::array();
     for (const std::string& name : names) {
-        json a{{"adapter", name}};
+        json a{{"adapter_name", name}};
         OpenAdapter open(name);
         if (!open.ok()) {
             a["error"] = "cannot open the adapter";
@@ -353,26 +289,6 @@ std::string failure_text(const char* what, const std::string& device, HBA_STATUS
     return msg;
 }
 
-void print_scsi(std::FILE* out, const json& d) {
-    std::fprintf(out, "%s to %s (%s), LUN %s of target %s, through %s port %s (%s)\n",
-                 d["command"].get<std::string>().c_str(), d["device"].get<std::string>().c_str(),
-                 d["hctl"].get<std::string>().c_str(), value_text(d["lun"]).c_str(),
-                 d["target_wwn"].get<std::string>().c_str(), d["adapter"].get<std::string>().c_str(),
-                 value_text(d["port"]).c_str(), d["port_wwn"].get<std::string>().c_str());
-    print_line(out, 2, "Status", describe_hba_status(d["status"].get<unsigned>()));
-    if (d.contains("inquiry")) print_inquiry(out, d["inquiry"], 2);
-    if (d.contains("vpd")) print_vpd(out, d["vpd"], 2);
-    if (d.contains("report_luns")) print_report_luns(out, d["report_luns"], 2);
-    if (d.contains("capacity")) print_read_capacity(out, d["capacity"], 2);
-    if (d.contains("data_returned") && !d["data_returned"].get<bool>()) {
-        print_line(out, 2, "Capacity", "not returned (the library keeps the READ CAPACITY data to itself)");
-        if (d.contains("host_size_bytes"))
-            print_line(out, 2, "Size (host view)",
-                       value_text(d["host_size_bytes"]) + " bytes (" + value_text(d["host_size_sectors"]) +
-                           " sectors of 512 bytes)");
-    }
-}
-
 }  // namespace
 
 Outcome scsi_command(Session& s, const ScsiRequest& r) {
@@ -428,8 +344,8 @@ Outcome scsi_command(Session& s, const ScsiRequest& r) {
     }
 
     json d{{"command", op_name(r.op)},
-           {"adapter", name},
-           {"port", route.port.index},
+           {"adapter_name", name},
+           {"port_num", route.port.index},
            {"port_wwn", wwn_text(route.local)},
            {"target_wwn", wwn_text(r.target)},
            {"lun", addressed->lun},
@@ -491,10 +407,10 @@ Outcome scsi_command(Session& s, const ScsiRequest& r) {
             break;
         }
     }
-    d["status"] = st;
+    add_hba_status(d, "status", st);
     Outcome o;
     o.data = d;
-    o.text = [d](std::FILE* out) { print_scsi(out, d); };
+    o.text = [d](std::FILE* out) { print_scsi_answer(out, d); };
     return o;
 }
 

@@ -32,6 +32,7 @@
 #include "metrics_command.h"
 #include "output.h"
 #include "plugin_loader.h"
+#include "progress.h"
 #include "session.h"
 #include "snapshot_commands.h"
 #include "wwn_arg.h"
@@ -205,13 +206,13 @@ int mirvak_hba_main(int argc, char** argv) {
     app.add_flag("-q,--quiet", cli.quiet, "Drop the library's own diagnostic lines");
     app.require_subcommand(0, 1);
     app.footer(
-        "Without a subcommand: adapters.\n"
+        "Without a subcommand: snapshot (the whole system as a tree).\n"
         "ADAPTER is an index (0, 1, ...) or a name as the library gives it (/dev/tuskstor1).\n"
         "WWNs are 16 hex digits, with or without a colon between bytes.\n"
         "Exit status: 0 success; 1 the library answered a failure (its result code is named);\n"
         "2 bad arguments (nothing was sent).");
 
-    cli.sub(&app, "adapters", "Every adapter with its attributes and ports, through the standard face (the default)");
+    cli.sub(&app, "adapters", "Every adapter with its attributes and ports, through the standard face");
 
     cli.sub(&app, "adapter-info", "Every adapter's extended information (GetFCoEAdapters)");
     CLI::App* c_adapter_stats = cli.sub(&app, "adapter-stats", "One adapter's extended information (GetFCoEAdapterStats)");
@@ -298,10 +299,22 @@ int mirvak_hba_main(int argc, char** argv) {
 
     // Snapshots
     std::string raw_file, decode_file;
-    CLI::App* c_snapshot = cli.sub(&app, "snapshot", "The whole system in one snapshot (GetFCoEAll), decoded");
+    bool all_fields = false;
+    CLI::App* c_snapshot = cli.sub(&app, "snapshot",
+                                   "The whole system in one snapshot (GetFCoEAll), as a tree: one line a thing (the "
+                                   "default)");
     c_snapshot->add_option("--raw", raw_file, "Also save the snapshot's bytes in this file")->type_name("FILE");
-    CLI::App* c_decode = cli.sub(&app, "decode", "Decode a snapshot saved with snapshot --raw");
+    CLI::App* c_decode = cli.sub(&app, "decode", "Decode a snapshot saved with snapshot --raw, shown as a tree");
     c_decode->add_option("file", decode_file, "The saved snapshot")->required();
+    for (CLI::App* c : {c_snapshot, c_decode})
+        c->add_flag("--fields,--verbose", all_fields, "Every field of every record instead of the tree");
+    std::string topology_format = "dot";
+    CLI::App* c_topology = cli.sub(&app, "topology",
+                                   "The system as a Graphviz graph: adapters, ports, virtual ports, remote ports, "
+                                   "LUNs (from a snapshot)");
+    c_topology->add_option("--format", topology_format, "dot (the graph's text) or svg (drawn by Graphviz's dot)")
+        ->check(CLI::IsMember({"dot", "svg"}))
+        ->type_name("dot|svg");
 
     // Prometheus metrics
     std::string metrics_file;
@@ -389,7 +402,8 @@ int mirvak_hba_main(int argc, char** argv) {
     std::FILE* out = separate_library_output(cli.quiet);
     int status = kExitOk;
     try {
-        if (leaf == &app || leaf->get_name() == "adapters") {
+        const SnapshotView view = all_fields ? SnapshotView::Fields : SnapshotView::Overview;
+        if (leaf->get_name() == "adapters") {
             PluginLoader plugin;
             plugin.load();
             const nlohmann::json adapters = gather_adapters(plugin);
@@ -400,7 +414,7 @@ int mirvak_hba_main(int argc, char** argv) {
                 print_adapters_text(out, adapters);
             }
         } else if (leaf == c_decode) {
-            print(out, cli.as_json, decode_command(decode_file));
+            print(out, cli.as_json, decode_command(decode_file, view));
         } else if (leaf == c_metrics) {
             Session session;
             metrics_command(session, !metrics_no_luns, metrics_file, out);
@@ -422,8 +436,12 @@ int mirvak_hba_main(int argc, char** argv) {
             else if (leaf == c_vport_rport_stats) o = vport_rport_stats_command(session, sel);
             else if (leaf == c_luns) o = luns_command(session, sel);
             else if (leaf == c_vport_luns) o = vport_luns_command(session, sel);
-            else if (leaf == c_snapshot) o = snapshot_command(session, raw_file);
-            else if (leaf == c_mapping) o = mapping_command(session, sel, &failed);
+            else if (leaf == c_snapshot || leaf == &app) o = snapshot_command(session, raw_file, view);
+            else if (leaf == c_topology) o = topology_command(session, topology_format);
+            else if (leaf == c_mapping) {
+                Progress progress("reading the FCP target mapping");
+                o = mapping_command(session, sel, &failed);
+            }
             else if (leaf == c_npiv_create || leaf == c_npiv_delete) {
                 const NpivOptions& n = leaf == c_npiv_create ? npiv_create_opts : npiv_delete_opts;
                 NpivRequest r;

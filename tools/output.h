@@ -14,6 +14,4 @@ nlohmann::json gather_adapters(const PluginLoader& plugin);
 
 void print_adapters_text(std::FILE* out, const nlohmann::json& adapters);
 
-std::string format_wwn(const HBA_WWN& w);  // "20:00:00:07:43:00:1a:2b"
-
 #endif

@@ -9,8 +9,7 @@
 
 #include "mirvak/mgmt_records.h"
 #include "mirvak/snapshot_records.h"
-#include "hex_text.h"
-#include "port_names.h"
+#include "records.h"
 
 namespace mv::tool {
 
@@ -26,27 +25,7 @@ std::string at_offset(const std::string& what, std::size_t off) {
     return what + " (byte offset " + std::to_string(off) + ")";
 }
 
-// Text of a fixed field: up to its first NUL, never past the field. Bytes
-// that are not printable ASCII are shown as \xNN so the text is always
-// valid JSON.
-std::string text(const char* field, std::size_t size) {
-    std::string out;
-    for (std::size_t i = 0; i < size && field[i] != '\0'; ++i) {
-        const auto c = static_cast<unsigned char>(field[i]);
-        if (c >= 0x20 && c < 0x7f) {
-            out += static_cast<char>(c);
-        } else {
-            char esc[5];
-            std::snprintf(esc, sizeof esc, "\\x%02x", c);
-            out += esc;
-        }
-    }
-    return out;
-}
-#define TEXT(f) text((f), sizeof(f))
-
-std::string wwn(const HBA_WWN& w) { return hex_bytes(w.wwn, 8, ':'); }
-std::string mac(const uint8_t (&m)[6]) { return hex_bytes(m, 6, ':'); }
+#define TEXT(f) field_text((f), sizeof(f))
 
 // The bounded view of the stream: every read is checked against the end.
 class Reader {
@@ -104,52 +83,6 @@ T load_area(const uint8_t (&area)[N]) {
     return v;
 }
 
-json standard_port(const HBA_PORTATTRIBUTES& a) {
-    return {{"node_wwn", wwn(a.NodeWWN)},
-            {"port_wwn", wwn(a.PortWWN)},
-            {"fc_id", a.PortFcId},
-            {"type", a.PortType},
-            {"state", a.PortState},
-            {"state_name", port_state_name(a.PortState)},
-            {"classes_of_service", a.PortSupportedClassofService},
-            {"symbolic_name", TEXT(a.PortSymbolicName)},
-            {"os_device_name", TEXT(a.OSDeviceName)},
-            {"supported_speed", a.PortSupportedSpeed},
-            {"speed", a.PortSpeed},
-            {"max_frame_size", a.PortMaxFrameSize},
-            {"fabric_name", wwn(a.FabricName)},
-            {"discovered_ports", a.NumberofDiscoveredPorts}};
-}
-
-// FCoE fields of a local (physical or virtual) port.
-json fcoe(const port_info& p) {
-    return {{"lnode_id", static_cast<uint32_t>(p.lnode_id)},
-            {"word_5", static_cast<uint32_t>(p.lnode_word_5)},
-            {"lnode_mac", mac(p.lnode_mac)},
-            {"port_mac", mac(p.port_mac)},
-            {"phys_port", static_cast<unsigned>(p.phys_port)},
-            {"fcf_index", static_cast<uint32_t>(p.fcf_index)},
-            {"word_148", static_cast<uint32_t>(p.lnode_word_148)},
-            {"port_error", p.lnode_flag != 0},
-            {"flag", static_cast<unsigned>(p.lnode_flag)},
-            {"vport_word", static_cast<uint32_t>(p.lnode_word_28)},
-            {"vlan_id", static_cast<unsigned>(p.vlan_id)}};
-}
-
-json local_statistics(const port_stats& s) {
-    return {{"tx_frames", static_cast<int64_t>(s.hba_stats.TxFrames)},
-            {"tx_words", static_cast<int64_t>(s.hba_stats.TxWords)},
-            {"rx_frames", static_cast<int64_t>(s.hba_stats.RxFrames)},
-            {"rx_words", static_cast<int64_t>(s.hba_stats.RxWords)},
-            {"counters",
-             {s.counter0, s.counter1, s.counter2, s.counter3, s.counter4, s.counter5, s.counter6, s.counter7}}};
-}
-
-json remote_statistics(const port_stats& s) {
-    return {{"counters", {s.counter0, s.counter1, s.counter2, s.counter3}},
-            {"remote_counters", {s.rcounter0, s.rcounter1, s.rcounter2, s.rcounter3}}};
-}
-
 void expect_index(uint32_t got, uint32_t want, const char* what, std::size_t off) {
     if (got != want) {
         throw DecodeError(off, at_offset(std::string(what) + " carries index " + std::to_string(got) + " where " +
@@ -162,18 +95,10 @@ json lun(Reader& in, uint32_t want) {
     const std::size_t off = in.pos();
     const lun_record rec = in.take<lun_record>("a LUN record");
     expect_index(rec.index, want, "LUN record", off);
-    const lun_info l = load_area<lun_info>(rec.lun);
-    const char* device = l.device;
-    const std::size_t name_at = snapshot::kLunNameAt - snapshot::kLunDeviceAt;
-    return {{"offset", off},
-            {"index", rec.index},
-            {"port_index", mv::load<uint32_t>(l.reserved_0)},
-            {"remote_index", mv::load<uint32_t>(l.reserved_0 + 4)},
-            {"hctl", TEXT(l.hctl)},
-            {"device", text(device, name_at)},
-            {"adapter_name", text(device + name_at, snapshot::kLunNameBytes)},
-            {"vendor", TEXT(l.vendor)},
-            {"size", static_cast<uint64_t>(l.size)}};
+    json l = lun_info_json(load_area<lun_info>(rec.lun));
+    l["offset"] = off;
+    l["index"] = rec.index;
+    return l;
 }
 
 // A remote port (of a physical or a virtual port) and its LUNs.
@@ -183,19 +108,12 @@ json remote(Reader& in, uint32_t want) {
     expect_index(rec.index, want, "remote-port record", off);
     const port_info p = load_area<port_info>(rec.info);
     const port_stats s = load_area<port_stats>(rec.stats);
-    json r = standard_port(p.attributes);
+    json r = port_info_json(p, PortKind::Remote);
     r["offset"] = off;
     r["index"] = rec.index;
     r["lun_count"] = rec.child_count;
-    r["adapter_name"] = TEXT(p.adapter_name);
-    r["role"] = TEXT(p.role);
-    r["rnode_index"] = static_cast<uint32_t>(p.rnode_index);
-    r["word_4"] = static_cast<uint32_t>(p.lnode_id);
-    r["byte_12"] = static_cast<uint32_t>(p.rnode_byte_12);
-    r["port_num"] = static_cast<uint32_t>(p.port_num);
-    r["rport_index"] = static_cast<uint32_t>(p.rport_index);
     r["parent_index"] = static_cast<uint32_t>(s.port_num);
-    r["statistics"] = remote_statistics(s);
+    r["statistics"] = port_stats_json(s, PortKind::Remote);
     json luns = json::array();
     for (uint32_t j = 0; j < rec.child_count; ++j) luns.push_back(lun(in, j));
     r["luns"] = luns;
@@ -209,14 +127,12 @@ json virtual_port(Reader& in, uint32_t want) {
     expect_index(rec.index, want, "virtual-port record", off);
     const port_info p = load_area<port_info>(rec.info);
     const port_stats s = load_area<port_stats>(rec.stats);
-    json v = standard_port(p.attributes);
+    json v = port_info_json(p, PortKind::Virtual);
     v["offset"] = off;
     v["index"] = rec.index;
     v["remote_count"] = rec.child_count;
-    v["adapter_name"] = TEXT(p.adapter_name);
     v["parent_index"] = static_cast<uint32_t>(p.port_num);
-    v["fcoe"] = fcoe(p);
-    v["statistics"] = local_statistics(s);
+    v["statistics"] = port_stats_json(s, PortKind::Virtual);
     json remotes = json::array();
     for (uint32_t k = 0; k < rec.child_count; ++k) remotes.push_back(remote(in, k));
     v["remote_ports"] = remotes;
@@ -241,14 +157,12 @@ json port(Reader& in, const std::string& adapter_name, uint32_t port_count, int6
                                              adapter_name + "\"",
                                          off));
     }
-    json j = standard_port(p.attributes);
+    json j = port_info_json(p, PortKind::Local);
     j["offset"] = off;
     j["index"] = rec.index;
     j["remote_count"] = rec.remote_count;
     j["vport_count"] = rec.vport_count;
-    j["port_num"] = static_cast<uint32_t>(p.port_num);
-    j["fcoe"] = fcoe(p);
-    j["statistics"] = local_statistics(s);
+    j["statistics"] = port_stats_json(s, PortKind::Local);
     json remotes = json::array();
     for (uint32_t r = 0; r < rec.remote_count; ++r) remotes.push_back(remote(in, r));
     j["remote_ports"] = remotes;
@@ -276,43 +190,13 @@ json adapter(Reader& in, std::set<uint32_t>& seen) {
     }
     const adapter_record rec = in.take<adapter_record>("an adapter record");
     const adapter_info a = load_area<adapter_info>(rec.info);
-    const HBA_ADAPTERATTRIBUTES& s = a.attributes;
     const bool repeat = !seen.insert(rec.index).second;
 
-    // block_336 as the fabric descriptions write it: the bytes up to the
-    // last non-zero one.
-    std::size_t block_len = sizeof a.hw_block_336;
-    while (block_len > 0 && a.hw_block_336[block_len - 1] == 0) --block_len;
-
-    json j = {{"offset", off},
-              {"index", rec.index},
-              {"port_count", rec.port_count},
-              {"repeat", repeat},
-              {"instance", static_cast<uint32_t>(a.instance)},
-              {"name", TEXT(a.adapter_name)},
-              {"manufacturer", TEXT(s.Manufacturer)},
-              {"serial_number", TEXT(s.SerialNumber)},
-              {"model", TEXT(s.Model)},
-              {"model_description", TEXT(s.ModelDescription)},
-              {"node_wwn", wwn(s.NodeWWN)},
-              {"node_symbolic_name", TEXT(s.NodeSymbolicName)},
-              {"hardware_version", TEXT(s.HardwareVersion)},
-              {"driver_version", TEXT(s.DriverVersion)},
-              {"option_rom_version", TEXT(s.OptionROMVersion)},
-              {"firmware_version", TEXT(s.FirmwareVersion)},
-              {"vendor_id", s.VendorSpecificID},
-              {"number_of_ports", s.NumberOfPorts},
-              {"driver_name", TEXT(s.DriverName)},
-              {"hardware",
-               {{"byte_191", static_cast<uint32_t>(a.hw_byte_191)},
-                {"word_192", static_cast<uint32_t>(a.hw_word_192)},
-                {"word_284", static_cast<uint32_t>(a.hw_word_284)},
-                {"word_288", static_cast<uint32_t>(a.hw_word_288)},
-                {"word_292", static_cast<uint32_t>(a.hw_word_292)},
-                {"word_332", static_cast<uint32_t>(a.hw_word_332)},
-                {"text_246", TEXT(a.hw_text_246)},
-                {"text_296", TEXT(a.hw_text_296)},
-                {"block_336", hex_bytes(a.hw_block_336, block_len, ' ')}}}};
+    json j = adapter_info_json(a);
+    j["offset"] = off;
+    j["index"] = rec.index;
+    j["port_count"] = rec.port_count;
+    j["repeat"] = repeat;
 
     // Port records follow until the adapter's count is reached or the next
     // adapter record begins (ports whose queries failed leave no record, and

@@ -1,7 +1,8 @@
 // Snapshot decoder: any bytes to decode_snapshot, and the decoded tree to
-// snapshot_text. The decoder must answer a tree or a DecodeError whose
-// offset lies within the stream; nothing else may escape. The custom
-// mutator works on real snapshots (fuzz/corpus/snapshot_decode): besides
+// snapshot_text, the overview and the topology graph. The decoder must
+// answer a tree or a DecodeError whose offset lies within the stream;
+// nothing else may escape. The custom mutator works on real snapshots
+// (fuzz/corpus/snapshot_decode): besides
 // libFuzzer's own byte mutations it writes counts (0, 1, large, off by
 // one) as 32-bit words anywhere, cuts the stream, and removes or repeats
 // whole records of the stream's record sizes.
@@ -11,6 +12,7 @@
 #include <random>
 
 #include "mirvak/snapshot_records.h"
+#include "overview.h"
 #include "snapshot_decode.h"
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);
@@ -19,6 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     try {
         const nlohmann::json tree = mv::tool::decode_snapshot(data, size);
         (void)mv::tool::snapshot_text(tree);
+        (void)mv::tool::overview_text(tree);
+        (void)mv::tool::topology_dot(tree);
     } catch (const mv::tool::DecodeError& e) {
         if (e.offset > size) std::abort();
     }

@@ -226,7 +226,7 @@ TEST_F(ExporterTest, DefaultFabricGivesEveryPortVirtualPortRemotePortAndLun) {
     // Port 0 of instance 1, joined to the node exporter's fc_host.
     EXPECT_EQ(value_of(text, "mirvak_port_info",
                        {"wwpn=\"0x2100001b9ea10000\"", "fc_host=\"host0\"", "adapter=\"/dev/tuskstor1\"",
-                        "port=\"0\"", "state=\"online\""}),
+                        "port=\"0\"", "state_name=\"online\"", "speed_name=\"unknown\"", "vlan_id=\"101\""}),
               1);
     // Virtual ports of instance 1's port 1 and instance 4's port 0.
     EXPECT_EQ(value_of(text, "mirvak_vport_info", {"vport_wwpn=\"0x2801001b9ea10001\"", "fc_host=\"host1\""}), 1);

@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -86,7 +87,8 @@ std::vector<std::string> child_environment() {
 
 // Runs argv with standard output and standard error caught in files (or
 // standard error on the descriptor given).
-Result run_argv(const std::vector<std::string>& argv, const fs::path& scratch, int stderr_fd = -1) {
+Result run_argv(const std::vector<std::string>& argv, const fs::path& scratch, int stderr_fd = -1,
+                const std::vector<std::string>& env_override = {}) {
     Result r;
     const fs::path out = scratch / "stdout", err = scratch / "stderr";
     posix_spawn_file_actions_t actions;
@@ -101,7 +103,14 @@ Result run_argv(const std::vector<std::string>& argv, const fs::path& scratch, i
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    std::vector<std::string> env_text = child_environment();
+    std::vector<std::string> env_text;
+    for (const std::string& e : child_environment()) {
+        bool replaced = false;
+        for (const std::string& o : env_override)
+            replaced = replaced || e.compare(0, o.find('=') + 1, o, 0, o.find('=') + 1) == 0;
+        if (!replaced) env_text.push_back(e);
+    }
+    env_text.insert(env_text.end(), env_override.begin(), env_override.end());
     std::vector<char*> env;
     for (std::string& e : env_text) env.push_back(e.data());
     env.push_back(nullptr);
@@ -125,7 +134,8 @@ class HbaTool : public ::testing::Test {
 protected:
     // mirvak-hba ARGS on the simulated host of `fabric` (the built-in
     // default when empty).
-    Result Run(const std::vector<std::string>& args, const std::string& fabric = "") {
+    Result Run(const std::vector<std::string>& args, const std::string& fabric = "",
+               const std::vector<std::string>& env = {}) {
         std::vector<std::string> argv{MIRVAK_SIMHOST_PROGRAM, "run"};
         if (!fabric.empty()) {
             argv.push_back("--fabric");
@@ -134,7 +144,7 @@ protected:
         argv.push_back("--");
         argv.push_back(MIRVAK_HBA_PROGRAM);
         argv.insert(argv.end(), args.begin(), args.end());
-        return run_argv(argv, dir_.path());
+        return run_argv(argv, dir_.path(), -1, env);
     }
 
     // The same, with --json, and the answer parsed.
@@ -197,7 +207,7 @@ std::vector<std::string> physical_wwpns(const json& adapter) {
 
 TEST_F(HbaTool, AdaptersJsonMatchesTheDefaultFabric) {
     const json fabric = DefaultFabric();
-    const json answer = RunJson({});
+    const json answer = RunJson({"adapters"});
     ASSERT_TRUE(answer.contains("adapters"));
     const json& adapters = answer["adapters"];
     ASSERT_EQ(adapters.size(), fabric["adapters"].size());
@@ -225,8 +235,8 @@ TEST_F(HbaTool, AdapterInfoAndStatsJsonMatchTheDefaultFabric) {
         EXPECT_EQ(a["index"], i);
         EXPECT_EQ(a["model"], f["model"]);
         EXPECT_EQ(a["serial_number"], f["serial_num"]);
-        EXPECT_EQ(a["hw_text_246"], f["text_246"]);
-        EXPECT_EQ(a["hw_word_192"], f["word_192"]);
+        EXPECT_EQ(a["hardware"]["text_246"], f["text_246"]);
+        EXPECT_EQ(a["hardware"]["word_192"], f["word_192"]);
         EXPECT_EQ(a["number_of_ports"], f["ports"].size());
     }
     // By index and by name, the same adapter.
@@ -346,10 +356,10 @@ TEST_F(HbaTool, NoAdaptersAtAll) {
     const Result snap = Run({"snapshot"}, empty.string());
     EXPECT_EQ(snap.status, 1);
     EXPECT_NE(snap.err.find("GetFCoEAll failed: no snapshot"), std::string::npos) << snap.err;
-    const Result listed = Run({"--json"}, empty.string());
+    const Result listed = Run({"--json", "adapters"}, empty.string());
     EXPECT_EQ(listed.status, 0) << listed.err;
     EXPECT_EQ(json::parse(listed.out), json::parse(R"({"adapters": []})"));
-    const Result text = Run({}, empty.string());
+    const Result text = Run({"adapters"}, empty.string());
     EXPECT_EQ(text.out, "No adapters found.\n");
 }
 
@@ -627,7 +637,133 @@ TEST_F(HbaTool, ReportLunsAndReadCapacityOfThePortsFirstLun) {
     EXPECT_EQ(cap["device"], first["device"]);
     // The library keeps the answer to itself; the host's size is shown.
     EXPECT_EQ(cap["data_returned"], false);
-    EXPECT_EQ(cap["host_size_sectors"], first["size_sectors"]);
+    EXPECT_EQ(cap["host_size_sectors"], first["size"]);
+}
+
+// ---- The overview and the picture ----
+
+// Without a subcommand: the whole system as a tree, one line a thing.
+TEST_F(HbaTool, TheDefaultIsTheOverviewTree) {
+    const std::string overview =
+        "2 adapters, 5 ports, 4 virtual ports, 9 remote ports, 20 LUNs\n"
+        "Adapter 0  /dev/tuskstor1  Mirvak MVF-2210  serial MVA1K4C00117  firmware 2.3.10.17  node 01:02:03:04:05:06:07:08  2 ports\n"
+        "  Port 0  21:00:00:1b:9e:a1:00:00  online     speed unknown  VLAN 101  FCF 33  host0\n"
+        "    Remote port 0  50:0a:09:80:00:a1:00:01  online     target  3 LUNs\n"
+        "      LUN 0:0:0:2    /dev/sdd  KESTREL   4.0 GiB\n"
+        "      LUN 0:0:0:0    /dev/sdb  KESTREL   1.0 GiB\n"
+        "      LUN 0:0:0:1    /dev/sdc  KESTREL   2.0 GiB\n"
+        "    Remote port 1  50:0a:09:80:00:a1:00:02  offline    2 LUNs\n"
+        "      LUN 0:0:1:1    /dev/sdf  KESTREL   8.0 GiB\n"
+        "      LUN 0:0:1:0    /dev/sde  KESTREL   512.0 MiB\n"
+        "    Remote port 2  (vanished: listed without WWN)  2 LUNs\n"
+        "      LUN 0:0:2:0    /dev/sdg  KESTREL   1.5 GiB\n"
+        "      LUN 0:0:2:3    /dev/sdh  KESTREL   3.0 GiB\n"
+        "  Port 1  21:00:00:1b:9e:a1:00:01  online     10 Gbit/s  VLAN 102  FCF 34  host1\n"
+        "    Virtual port 0  28:01:00:1b:9e:a1:00:01  online     10 Gbit/s  VLAN 102  FCF 34  host1\n"
+        "      Remote port 0  50:06:01:60:00:a1:02:01  online     target  2 LUNs\n"
+        "        LUN 2:0:0:0    /dev/sdk  NORDVIK   10.0 EiB\n"
+        "        LUN 2:0:0:1    /dev/sdl  NORDVIK   10.0 EiB\n"
+        "    Virtual port 1  28:02:00:1b:9e:a1:00:01  online     10 Gbit/s  VLAN 102  FCF 34  host1\n"
+        "      Remote port 0  50:06:01:60:00:a1:03:01  online     target  3 LUNs\n"
+        "        LUN 3:0:0:2    /dev/sdo  NORDVIK   10.0 EiB\n"
+        "        LUN 3:0:0:0    /dev/sdm  NORDVIK   10.0 EiB\n"
+        "        LUN 3:0:0:1    /dev/sdn  NORDVIK   10.0 EiB\n"
+        "      Remote port 1  50:06:01:60:00:a1:03:02  online     target  2 LUNs\n"
+        "        LUN 3:0:1:0    /dev/sdp  NORDVIK   10.0 EiB\n"
+        "        LUN 3:0:1:1    /dev/sdq  NORDVIK   10.0 EiB\n"
+        "Adapter 1  /dev/tuskstor4  Mirvak MVF-4420  serial MVB2M7D00342  firmware 1.4.2.12  node 01:02:03:04:05:06:07:08  3 ports\n"
+        "  Port 0  21:00:00:1b:9e:b4:00:00  online     1, 2, 8 Gbit/s  VLAN 201  FCF 7  host4\n"
+        "    Remote port 0  50:0b:34:00:00:b4:00:01  online     target  2 LUNs\n"
+        "      LUN 4:0:0:0    /dev/sdr  TALLOWAY  15.0 GiB\n"
+        "      LUN 4:0:0:1    /dev/sds  TALLOWAY  768.0 MiB\n"
+        "    Remote port 1  50:0b:34:00:00:b4:00:02  online     target  2 LUNs\n"
+        "      LUN 4:0:1:0    /dev/sdt  TALLOWAY  20.0 GiB\n"
+        "      LUN 4:0:1:1    /dev/sdu  TALLOWAY  1.8 GiB\n"
+        "    Virtual port 0  28:01:00:1b:9e:b4:00:00  online     1, 2, 8 Gbit/s  VLAN 201  FCF 7  host4\n"
+        "      Remote port 0  50:0b:34:00:00:b4:02:01  online     target  2 LUNs\n"
+        "        LUN 6:0:0:0    /dev/sdw  TALLOWAY  10.0 EiB\n"
+        "        LUN 6:0:0:1    /dev/sdx  TALLOWAY  10.0 EiB\n"
+        "    Virtual port 1  28:02:00:1b:9e:b4:00:00  offline    1, 2, 8 Gbit/s  VLAN 201  FCF 7  host4\n"
+        "  Port 1  21:00:00:1b:9e:b4:00:01  offline    speed unknown  VLAN 0  FCF 9  port error  host5\n"
+        "  Port 2  21:00:00:1b:9e:b4:00:02  link down  speed unknown  VLAN 0  FCF 0\n";
+    const Result r = Run({});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "Snapshot: 57056 bytes\n" + overview);
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 42);
+    EXPECT_EQ(Run({"snapshot"}).out, r.out);
+
+    // A saved snapshot decodes to the same tree.
+    const fs::path raw = Dir() / "snapshot.bin";
+    ASSERT_EQ(Run({"snapshot", "--raw", raw.string()}).status, 0);
+    const Result decoded = run_argv({MIRVAK_HBA_PROGRAM, "decode", raw.string()}, Dir());
+    ASSERT_EQ(decoded.status, 0) << decoded.err;
+    EXPECT_EQ(decoded.out, "Snapshot: 57056 bytes, read from " + raw.string() + "\n" + overview);
+}
+
+// Every field of every record, the coded ones with their words beside them.
+TEST_F(HbaTool, FieldsShowEveryFieldOfEveryRecord) {
+    const Result r = Run({"snapshot", "--fields"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 993);
+    for (const char* want : {"Snapshot: 57056 bytes\nadapter_count: 2\nadapter_records: 2\nsize: 57056\nAdapter 0:\n",
+                             "\n    speed: 19\n    speed_name: 1, 2, 8 Gbit/s\n    state: 2\n    state_name: online\n"
+                             "    supported_speed: 4\n    supported_speed_name: 10 Gbit/s\n",
+                             "\n    classes_of_service: 3\n    classes_of_service_name: class F, class 1\n",
+                             "\n    type: 0\n    type_name: not given\n",
+                             "\n  hardware:\n    block_336: ",
+                             "\n        size: 2097152\n        size_name: 1.0 GiB\n        vendor: KESTREL\n"})
+        EXPECT_NE(r.out.find(want), std::string::npos) << want;
+    EXPECT_EQ(Run({"snapshot", "--verbose"}).out, r.out);
+}
+
+TEST_F(HbaTool, TopologyDrawsEveryPortAndDevice) {
+    const json tree = RunJson({"snapshot"})["snapshot"];
+    std::set<std::string> wwns, devices;
+    std::function<void(const json&)> walk = [&](const json& j) {
+        if (j.is_object()) {
+            if (j.contains("port_wwn") && j["port_wwn"] != "00:00:00:00:00:00:00:00") wwns.insert(j["port_wwn"]);
+            if (j.contains("hctl")) devices.insert(j["device"]);
+        }
+        if (j.is_structured())
+            for (const json& c : j) walk(c);
+    };
+    walk(tree);
+    ASSERT_EQ(wwns.size(), 17u);  // 5 ports, 4 virtual ports, 8 remote ports (a ninth vanished)
+    ASSERT_EQ(devices.size(), 20u);
+
+    const Result svg = Run({"topology", "--format", "svg"});
+    ASSERT_EQ(svg.status, 0) << svg.err;
+    EXPECT_EQ(svg.out.rfind("<?xml", 0), 0u) << svg.out.substr(0, 200);
+    EXPECT_NE(svg.out.find("</svg>"), std::string::npos);
+    for (const std::string& w : wwns) EXPECT_NE(svg.out.find(w), std::string::npos) << w;
+    for (const std::string& d : devices) EXPECT_NE(svg.out.find(d + "<"), std::string::npos) << d;
+    // The vanished remote port and the offline ports are marked.
+    EXPECT_NE(svg.out.find("vanished (no WWN)"), std::string::npos);
+    EXPECT_NE(svg.out.find("stroke-dasharray"), std::string::npos);
+
+    const Result dot = Run({"topology"});
+    ASSERT_EQ(dot.status, 0) << dot.err;
+    EXPECT_EQ(dot.out.rfind("digraph mirvak_hba {\n", 0), 0u) << dot.out.substr(0, 200);
+
+    // Without Graphviz's dot, SVG is refused with the way to get it.
+    const Result none = Run({"topology", "--format", "svg"}, "", {"PATH=" + (Dir() / "empty").string()});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_EQ(none.out, "");
+    EXPECT_NE(none.err.find("mirvak-hba: drawing SVG needs Graphviz's dot, which is not on PATH (Debian package "
+                            "graphviz: apt install graphviz)"),
+              std::string::npos)
+        << none.err;
+    EXPECT_EQ(Run({"topology", "--format", "png"}).status, 2);
+}
+
+// Progress goes to standard error only when that is a terminal.
+TEST_F(HbaTool, NoProgressWhenStandardErrorIsNoTerminal) {
+    const Result mapping = Run({"--quiet", "mapping"});
+    EXPECT_EQ(mapping.status, 0);
+    EXPECT_EQ(mapping.err, "");
+    const Result snapshot = Run({"--quiet", "snapshot"});
+    EXPECT_EQ(snapshot.status, 0);
+    EXPECT_EQ(snapshot.err, "");
 }
 
 // ---- Snapshots ----

@@ -16,6 +16,7 @@
 #include "mirvak/snapshot_records.h"
 #include "sim/fabric.h"
 #include "sim_env.h"
+#include "overview.h"
 #include "snapshot_decode.h"
 
 namespace {
@@ -469,6 +470,8 @@ TEST(SnapshotDecode, GarbageNeverCrashes) {
             const json t = Decode(s);
             (void)t.dump();
             (void)snapshot_text(t);
+            (void)mv::tool::overview_text(t);
+            (void)mv::tool::topology_dot(t);
         } catch (const DecodeError& e) {
             EXPECT_LE(e.offset, s.size());
         }

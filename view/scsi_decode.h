@@ -3,8 +3,8 @@
 // REPORT LUNS list, READ CAPACITY(16) data and sense data. Every decoder
 // reads only the bytes it is given (a short answer is decoded as far as it
 // goes and marked "truncated").
-#ifndef MIRVAK_TOOLS_SCSI_DECODE_H
-#define MIRVAK_TOOLS_SCSI_DECODE_H
+#ifndef MIRVAK_VIEW_SCSI_DECODE_H
+#define MIRVAK_VIEW_SCSI_DECODE_H
 
 #include <cstddef>
 #include <cstdint>

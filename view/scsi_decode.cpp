@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "records.h"
-#include "wwn_arg.h"
+#include "hex_text.h"
 
 using nlohmann::json;
 
