@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "driver/port_rules.h"
 #include "driver/walks.h"
@@ -198,10 +197,8 @@ int get_path_for_pwwn(const unsigned char* wwn, char* out) {
         std::sscanf(text, "%256s", word);
         file.close();
         if (std::strncmp(word, key, std::strlen(key)) == 0) {
-            const std::string found = std::string(kFcHostDir) + "/" + name;
-            const std::size_t len = found.size() < 255 ? found.size() : 255;
-            std::memcpy(out, found.data(), len);
-            out[len] = '\0';
+            // The host's folder, cut to 255 bytes and terminated.
+            std::snprintf(out, 256, "%s/%s", kFcHostDir, name);
             result = 0;
             break;
         }

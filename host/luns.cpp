@@ -152,29 +152,29 @@ void copy_text(char* dst, std::size_t cap, const char* src) {
 // A block link's name ("block:sdb") split at ':' the way strtok splits it:
 // `cut` is what strtok leaves of the name itself (any leading colons and the
 // first token: "block"), `device` the second token ("sdb"), empty when there
-// is none.
+// is none. Both are views into the name: splitting allocates nothing.
 struct BlockName {
-    std::string cut;
-    std::string device;
+    std::string_view cut;
+    std::string_view device;
 };
 
 BlockName split_block_name(std::string_view name) {
     BlockName b;
     const std::size_t first = name.find_first_not_of(':');
     if (first == std::string_view::npos) {
-        b.cut = std::string(name);
+        b.cut = name;
         return b;
     }
     const std::size_t end_first = name.find(':', first);
     if (end_first == std::string_view::npos) {
-        b.cut = std::string(name);
+        b.cut = name;
         return b;
     }
-    b.cut = std::string(name.substr(0, end_first));
+    b.cut = name.substr(0, end_first);
     const std::size_t second = name.find_first_not_of(':', end_first);
     if (second == std::string_view::npos) return b;
     const std::size_t end_second = name.find(':', second);
-    b.device = std::string(name.substr(second, end_second == std::string_view::npos ? name.npos : end_second - second));
+    b.device = name.substr(second, end_second == std::string_view::npos ? name.npos : end_second - second);
     return b;
 }
 
@@ -339,13 +339,18 @@ void LunWalk::walk_lun(const Path& target, const char* entry) {
         ++blocks_;
         if (quiet_) continue;  // sizing a caller's array needs the count only
         const BlockName name = split_block_name(b);
-        if (rec != nullptr) std::snprintf(rec->device, sizeof rec->device, "/dev/%s", name.device.c_str());
+        if (rec != nullptr)
+            std::snprintf(rec->device, sizeof rec->device, "/dev/%.*s", static_cast<int>(name.device.size()),
+                          name.device.data());
         // Kept as it stands: getNumLuns and getVportLuninfo cut the entry's
         // own name to "block" and read <lun>/block/size, which only kernels
         // publishing the block/ directory have; getLuninfo reads
         // <lun>/block:sdX/size. Where the size file is missing the record
         // gets the working value as it stands.
-        const char* size_dir = keep_ == Keep::Fill ? b : name.cut.c_str();
+        // A directory entry's name is at most 255 bytes.
+        char cut[256];
+        std::snprintf(cut, sizeof cut, "%.*s", static_cast<int>(name.cut.size()), name.cut.data());
+        const char* size_dir = keep_ == Keep::Fill ? b : cut;
         const Path size = cat(cat(lun, size_dir), "size");
         if (size != nullptr) mv::read_proc_text(size.get(), &work_, 10, quiet_);
         if (rec != nullptr) rec->size = work_;

@@ -87,7 +87,12 @@ Listing read_listing(const char* path) {
         return l;
     }
     l.opened = true;
-    while (const dirent* e = readdir(d)) l.names.emplace_back(e->d_name);
+    try {
+        while (const dirent* e = readdir(d)) l.names.emplace_back(e->d_name);
+    } catch (const std::bad_alloc&) {
+        closedir(d);  // the listing is not kept; the reader asks the kernel
+        throw;
+    }
     if (closedir(d) != 0) {
         l.close_failed = true;
         l.close_errno = errno;

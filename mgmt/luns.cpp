@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include <new>
 #include <vector>
 
 #include "driver/walks.h"
@@ -94,9 +95,22 @@ HBA_UINT32 mv::kx_lun_info(HBA_HANDLE handle, const vport_in* key, lun_info* lun
         unsigned long local, remote;
     };
     std::vector<Event> events;
+    // Without memory to record the walk, nothing is filled and nothing is
+    // replayed, as when the walk's own paths cannot be allocated; the
+    // answer is still the walk's.
+    bool recorded = true;
+    const auto record = [&](const Event& e) {
+        if (!recorded) return;
+        try {
+            events.push_back(e);
+        } catch (const std::bad_alloc&) {
+            recorded = false;
+            events.clear();
+        }
+    };
     const LunSearch s = search_luns(
-        handle, *key, [&](const lnode_info&) { events.push_back({true, 0, 0}); },
-        [&](unsigned long local, unsigned long remote) { events.push_back({false, local, remote}); });
+        handle, *key, [&](const lnode_info&) { record({true, 0, 0}); },
+        [&](unsigned long local, unsigned long remote) { record({false, local, remote}); });
     std::size_t room = 0;
     for (const Event& e : events)
         if (!e.announce) room = mv::count_luns_quietly(e.local, e.remote);

@@ -3,8 +3,9 @@
 // target in place of the simulated driver library.
 //
 // Input layout (read by begin()):
-//   byte 0      flags: bit 0 an endless chain (see below), bits 1-2 which
-//               chain is endless (local nodes, remote nodes, FCFs)
+//   byte 0      flags: bits 0 and 3-5 all set, an endless chain (see
+//               below); bits 1-2 which chain is endless (local nodes,
+//               remote nodes, FCFs)
 //   bytes 1-4   which of the instances 0..31 have an adapter (bit mask)
 // and then the answers, one after the other, in the order the operations
 // are called. Each answer begins with a status byte (mostly 0; some values

@@ -3,11 +3,12 @@
 // hex, not hex, too long for 64 bits, empty or missing, device folders with
 // remote ports, targets, LUN folders with vendor and size files and block
 // entries, names of any length, nesting deeper than the walk looks); the
-// target writes it into a private folder that the simulated host's
-// redirector maps /sys onto, and the plug-in reads it: the LUN walks, the
-// fc_host lookups by WWN, the FCP target mapping, the facade's LUN and
-// snapshot requests (the driver's answers come from the rest of the input).
-#include <ftw.h>
+// target writes it (what changed since the last input) into a private
+// folder in memory that the simulated host's redirector maps /sys onto, and
+// the plug-in reads it: the LUN walks, the fc_host lookups by WWN, the FCP
+// target mapping, the facade's LUN and snapshot requests (the driver's
+// answers come from the rest of the input).
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "fuzz_driver.h"
 #include "fuzz_support.h"
@@ -32,22 +35,116 @@ using fuzzdrv::next_byte;
 
 std::string g_root;
 
-int remove_entry(const char* path, const struct stat*, int, struct FTW*) { return std::remove(path); }
+// The tree an input describes, built in memory first: each folder keeps its
+// entries in the order they were made. Then only what differs from the tree
+// on disk (the last input's) is written: a file whose text changed is
+// rewritten in place; from a folder's first entry that differs (another
+// name, kind, or a folder not made), the entries on disk are removed and
+// the input's made in order, so that each folder lists its entries in the
+// order a fresh tree would (the reading side walks them in listing order).
+struct Node {
+    bool dir = true;
+    std::string text;  // a file's bytes
+    std::vector<std::pair<std::string, Node>> entries;
 
-void clear_tree() {
-    const std::string sys = g_root + "/sys";
-    nftw(sys.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    Node* find(const std::string& name) {
+        for (auto& e : entries)
+            if (e.first == name) return &e.second;
+        return nullptr;
+    }
+};
+
+Node g_disk;  // what the folder holds now (below /sys/class/fc_host)
+
+// The folder `name` in `parent`: made unless an entry of that name is
+// there (`made` tells which); null when that entry is a file. As mkdir and
+// a later write into the folder would have it.
+Node* folder(Node* parent, const std::string& name, bool* made = nullptr) {
+    if (made != nullptr) *made = false;
+    if (parent == nullptr) return nullptr;
+    if (Node* e = parent->find(name)) return e->dir ? e : nullptr;
+    parent->entries.emplace_back(name, Node{});
+    if (made != nullptr) *made = true;
+    return &parent->entries.back().second;
 }
 
-void write_file(const std::string& path, const std::string& text) {
-    if (std::FILE* f = std::fopen(path.c_str(), "w")) {
-        std::fwrite(text.data(), 1, text.size(), f);
-        std::fclose(f);
+// A file written with `text` (fopen "w" semantics: an existing file is
+// rewritten, a folder in its place refuses it).
+void file(Node* parent, const std::string& name, const std::string& text) {
+    if (parent == nullptr) return;
+    if (Node* e = parent->find(name)) {
+        if (!e->dir) e->text = text;
+        return;
+    }
+    Node f;
+    f.dir = false;
+    f.text = text;
+    parent->entries.emplace_back(name, std::move(f));
+}
+
+void remove_entry(const std::string& path, const Node& n) {
+    if (n.dir) {
+        for (auto it = n.entries.rbegin(); it != n.entries.rend(); ++it) remove_entry(path + "/" + it->first, it->second);
+        rmdir(path.c_str());
+    } else {
+        unlink(path.c_str());
+    }
+}
+
+bool write_text(const std::string& path, const std::string& text) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) return false;
+    const bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return ok || text.empty();
+}
+
+// Makes `want` at path (nothing there yet); returns what was made (a folder
+// that could not be made is left out, and so is all below it).
+bool make(const std::string& path, const Node& want, Node& made) {
+    made = Node{};
+    made.dir = want.dir;
+    if (!want.dir) {
+        if (!write_text(path, want.text)) return false;
+        made.text = want.text;
+        return true;
+    }
+    if (mkdir(path.c_str(), 0700) != 0) return false;
+    for (const auto& e : want.entries) {
+        Node child;
+        if (make(path + "/" + e.first, e.second, child)) made.entries.emplace_back(e.first, std::move(child));
+    }
+    return true;
+}
+
+// Brings the folder at path from `have` (on disk) to `want`.
+void sync(const std::string& path, Node& have, const Node& want) {
+    std::size_t i = 0;
+    for (; i < have.entries.size() && i < want.entries.size(); ++i) {
+        auto& h = have.entries[i];
+        const auto& w = want.entries[i];
+        if (h.first != w.first || h.second.dir != w.second.dir) break;
+        const std::string child = path + "/" + h.first;
+        if (!h.second.dir) {
+            if (h.second.text != w.second.text) {
+                if (!write_text(child, w.second.text)) break;
+                h.second.text = w.second.text;
+            }
+        } else {
+            sync(child, h.second, w.second);
+        }
+    }
+    for (std::size_t k = have.entries.size(); k-- > i;) remove_entry(path + "/" + have.entries[k].first, have.entries[k].second);
+    have.entries.resize(i);
+    for (; i < want.entries.size(); ++i) {
+        Node made;
+        if (make(path + "/" + want.entries[i].first, want.entries[i].second, made))
+            have.entries.emplace_back(want.entries[i].first, std::move(made));
     }
 }
 
 // A name: the usual one, or bytes of the input (any length up to 255, any
-// byte but '/' and NUL).
+// byte but '/' and NUL; "." and ".." name no new entry and give the usual).
 std::string name(const std::string& usual) {
     const uint8_t b = next_byte();
     if (b < 192) return usual;
@@ -58,89 +155,76 @@ std::string name(const std::string& usual) {
         if (c == '/' || c == '\0') c = '_';
         n += c;
     }
-    return n.empty() ? usual : n;
+    return n.empty() || n == "." || n == ".." ? usual : n;
 }
 
 const char* const kWwnTexts[] = {"0x2000000000000001\n", "0x2000000000000002\n", "0x2100000000000003\n",
                                  "0x2100000000000004\n"};
 
 // port_name: one of the WWNs the driver answers with, or something else.
-void port_name(const std::string& dir) {
+void port_name(Node* dir) {
     const uint8_t b = next_byte();
-    const std::string path = dir + "/port_name";
-    if (b < 160) return write_file(path, kWwnTexts[b % 4]);
+    if (b < 160) return file(dir, "port_name", kWwnTexts[b % 4]);
     switch (b % 8) {
     case 0: return;  // missing
-    case 1: return write_file(path, "");
-    case 2: return write_file(path, "0xffffffffffffffffffffffff\n");
-    case 3: return write_file(path, "not hex\n");
-    case 4: return write_file(path, "   \n");
-    case 5: mkdir(path.c_str(), 0700); return;  // a folder in its place
+    case 1: return file(dir, "port_name", "");
+    case 2: return file(dir, "port_name", "0xffffffffffffffffffffffff\n");
+    case 3: return file(dir, "port_name", "not hex\n");
+    case 4: return file(dir, "port_name", "   \n");
+    case 5: folder(dir, "port_name"); return;  // a folder in its place
     default: {
         std::string t;
         const std::size_t len = next_byte();
         for (std::size_t i = 0; i < len; ++i) t += static_cast<char>(next_byte());
-        return write_file(path, t);
+        return file(dir, "port_name", t);
     }
     }
 }
 
-void lun(const std::string& target, unsigned h, unsigned t, unsigned l) {
-    const std::string dir = target + "/" + name(std::to_string(h) + ":0:" + std::to_string(t) + ":" + std::to_string(l));
-    mkdir(dir.c_str(), 0700);
+void lun(Node* target, unsigned h, unsigned t, unsigned l) {
+    Node* dir = folder(target, name(std::to_string(h) + ":0:" + std::to_string(t) + ":" + std::to_string(l)));
     const uint8_t b = next_byte();
-    if (b % 4 != 3) write_file(dir + "/vendor", b < 128 ? "MIRVSIM \n" : name("X") + "\n");
+    if (b % 4 != 3) file(dir, "vendor", b < 128 ? "MIRVSIM \n" : name("X") + "\n");
     const std::string dev = "sd" + std::string(1, static_cast<char>('a' + l % 26));
     const uint8_t kind = next_byte();
     const std::string size_text = kind < 128 ? "2097152\n" : (kind < 200 ? "99999999999999999999999\n" : name("q") + "\n");
-    if (kind % 3 != 2) {
-        const std::string block = dir + "/" + name("block:" + dev);
-        mkdir(block.c_str(), 0700);
-        write_file(block + "/size", size_text);
-    }
+    if (kind % 3 != 2) file(folder(dir, name("block:" + dev)), "size", size_text);
     if (kind % 3 != 1) {
-        const std::string block = dir + "/block";
-        mkdir(block.c_str(), 0700);
-        mkdir((block + "/" + dev).c_str(), 0700);
-        write_file(block + "/" + dev + "/size", size_text);
-        write_file(block + "/size", size_text);
+        Node* block = folder(dir, "block");
+        file(folder(block, dev), "size", size_text);
+        file(block, "size", size_text);
     }
     if (kind == 255) {  // nesting deeper than any walk goes
-        std::string deep = dir;
-        for (int i = 0; i < 40; ++i) mkdir((deep += "/block:d").c_str(), 0700);
+        Node* deep = dir;
+        for (int i = 0; i < 40; ++i) deep = folder(deep, "block:d");
     }
 }
 
-void build_tree() {
-    const std::string fc = g_root + "/sys/class/fc_host";
-    mkdir((g_root + "/sys").c_str(), 0700);
-    mkdir((g_root + "/sys/class").c_str(), 0700);
-    mkdir(fc.c_str(), 0700);
+// The input's tree below /sys/class/fc_host.
+Node build_tree() {
+    Node fc;
     const unsigned hosts = next_byte() % 4;
     for (unsigned h = 0; h < hosts; ++h) {
-        const std::string host = fc + "/" + name("host" + std::to_string(h));
-        if (mkdir(host.c_str(), 0700) != 0) continue;
+        bool made = false;
+        Node* host = folder(&fc, name("host" + std::to_string(h)), &made);
+        if (!made) continue;
         port_name(host);
         if (next_byte() % 8 == 7) continue;  // no device folder
-        const std::string device = host + "/device";
-        mkdir(device.c_str(), 0700);
+        Node* device = folder(host, "device");
         const unsigned rports = next_byte() % 4;
         for (unsigned r = 0; r < rports; ++r) {
             const std::string rname = name("rport-" + std::to_string(h) + ":0-" + std::to_string(r));
-            const std::string rport = device + "/" + rname;
-            mkdir(rport.c_str(), 0700);
-            const std::string remote = rport + "/fc_remote_ports:" + rname;
-            mkdir(remote.c_str(), 0700);
-            port_name(remote);
+            Node* rport = folder(device, rname);
+            port_name(folder(rport, "fc_remote_ports:" + rname));
             const unsigned targets = next_byte() % 3;
             for (unsigned t = 0; t < targets; ++t) {
-                const std::string target = rport + "/" + name("target" + std::to_string(h) + ":0:" + std::to_string(t));
-                mkdir(target.c_str(), 0700);
+                Node* target = folder(rport, name("target" + std::to_string(h) + ":0:" + std::to_string(t)));
                 const unsigned luns = next_byte() % 4;
                 for (unsigned l = 0; l < luns; ++l) lun(target, h, t, l);
             }
         }
     }
+    return fc;
 }
 
 constexpr unsigned long kWwns[] = {0x2000000000000001ul, 0x2000000000000002ul, 0x2100000000000003ul,
@@ -233,6 +317,9 @@ void requests(unsigned op) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::quiet_stdout();
     g_root = fuzz::empty_host();
+    mkdir((g_root + "/sys").c_str(), 0700);
+    mkdir((g_root + "/sys/class").c_str(), 0700);
+    mkdir((g_root + "/sys/class/fc_host").c_str(), 0700);
     return 0;
 }
 
@@ -241,8 +328,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     // the request, the tree and the driver's answers.
     fuzzdrv::begin(data, size);
     const unsigned op = next_byte();
-    clear_tree();
-    build_tree();
+    sync(g_root + "/sys/class/fc_host", g_disk, build_tree());
     requests(op);
     fuzzdrv::end();
     return 0;

@@ -2,13 +2,19 @@
 // interface and the facade, run again and again on the default fabric with
 // the n-th allocation of the request failing (n = 1, 2, ...), until a run
 // makes fewer than n allocations. Each run must end with the request's
-// answer or its documented failure, without a crash; under the sanitizer
-// build the leak check at exit sees every block freed.
+// answer or its documented failure, without a crash and without an
+// exception leaving the library; under the sanitizer build the leak check at
+// exit sees every block freed.
 //
 // The hook: this program holds the plug-in's own code, linked with
 // --wrap=malloc,--wrap=calloc,--wrap=realloc, so that every C allocation of
 // the plug-in (and of the path redirector) passes through the wrappers
-// below; armed, they count and answer null to the chosen one. The plug-in
+// below; and it replaces the global operator new and new[] (plain and
+// nothrow), so that every C++ allocation does too. Armed, they count both
+// kinds together and fail the chosen one: null from the C functions and the
+// nothrow forms, std::bad_alloc from the others. The simulated SCSI devices
+// and the simulated driver library answer the plug-in with allocations of
+// their own; those are not counted (they are not the plug-in). The plug-in
 // itself exports nothing more.
 #include <gtest/gtest.h>
 #include <time.h>
@@ -17,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <new>
 #include <set>
 #include <string>
 #include <vector>
@@ -36,6 +43,13 @@ void* __real_calloc(std::size_t, std::size_t);
 void* __real_realloc(void*, std::size_t);
 }
 
+// The simulated SCSI devices' answers (sim/host/sg_device.h), under their
+// link names: wrapped too (-Wl,--wrap), see unarmed() below.
+extern "C" {
+bool __real__ZN3sim2sg11open_deviceEPKciPi(const char* path, int flags, int* result);
+bool __real__ZN3sim2sg12device_ioctlEimPvPi(int fd, unsigned long request, void* arg, int* result);
+}
+
 namespace {
 bool g_armed = false;
 uint64_t g_count = 0;
@@ -49,7 +63,43 @@ bool fail_now() {
     g_failed = true;
     return true;
 }
+
+// Runs f with the hook disarmed: allocations made on the simulated host's
+// side of a call are not the plug-in's.
+template <class F>
+auto unarmed(F f) {
+    const bool armed = g_armed;
+    g_armed = false;
+    auto r = f();
+    g_armed = armed;
+    return r;
+}
+
+void* new_or_null(std::size_t n) {
+    if (fail_now()) return nullptr;
+    return __real_malloc(n == 0 ? 1 : n);
+}
+
+void* new_or_throw(std::size_t n) {
+    void* p = new_or_null(n);
+    if (p == nullptr) throw std::bad_alloc();
+    return p;
+}
 }  // namespace
+
+// The global allocation functions of this program (the plug-in's code is
+// part of it): the n-th call fails while armed. Every form of delete is
+// replaced with them, so that blocks go back the way they came.
+void* operator new(std::size_t n) { return new_or_throw(n); }
+void* operator new[](std::size_t n) { return new_or_throw(n); }
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return new_or_null(n); }
+void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return new_or_null(n); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
 
 extern "C" {
 void* __wrap_malloc(std::size_t n) { return fail_now() ? nullptr : __real_malloc(n); }
@@ -63,6 +113,32 @@ int nanosleep(const struct timespec*, struct timespec* rem) {
     ++g_sleeps;
     if (rem != nullptr) rem->tv_sec = rem->tv_nsec = 0;
     return 0;
+}
+
+// The simulated driver library answers from a fabric it reads with
+// allocations of its own: its twelve operations run unarmed (wrapped too).
+#define MIRVAK_UNARMED_DRIVER_CALL(ret, name, params, args)                  \
+    ret __real_##name params;                                               \
+    ret __wrap_##name params { return unarmed([&] { return __real_##name args; }); }
+MIRVAK_UNARMED_DRIVER_CALL(uint32_t, open_adapter, (uint32_t i), (i))
+MIRVAK_UNARMED_DRIVER_CALL(uint32_t, open_adapter_str, (const char* p), (p))
+MIRVAK_UNARMED_DRIVER_CALL(int, close_adapter, (uint32_t h), (h))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_probe_adapter, (uint32_t h), (h))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_get_hw_info, (uint32_t h, void* a), (h, a))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_get_lnode_info, (uint32_t h, void* a, uint64_t c), (h, a, c))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_get_lnode_info_by_fcid, (uint32_t h, void* a, int how), (h, a, how))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_get_rnode_info, (uint32_t h, void* a, uint32_t c, uint32_t l), (h, a, c, l))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_get_fcf_info, (uint32_t h, void* a, uint32_t c), (h, a, c))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_list_npiv_port, (uint32_t h, void* a, uint32_t n), (h, a, n))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_create_npiv_port, (uint32_t h, void* a), (h, a))
+MIRVAK_UNARMED_DRIVER_CALL(int, tusk_delete_npiv_port, (uint32_t h, void* a), (h, a))
+#undef MIRVAK_UNARMED_DRIVER_CALL
+
+bool __wrap__ZN3sim2sg11open_deviceEPKciPi(const char* path, int flags, int* result) {
+    return unarmed([&] { return __real__ZN3sim2sg11open_deviceEPKciPi(path, flags, result); });
+}
+bool __wrap__ZN3sim2sg12device_ioctlEimPvPi(int fd, unsigned long request, void* arg, int* result) {
+    return unarmed([&] { return __real__ZN3sim2sg12device_ioctlEimPvPi(fd, request, arg, result); });
 }
 }
 
@@ -146,7 +222,7 @@ std::vector<Case> cases() {
                  }, none});
     c.push_back({"GetFCPTargetMappingv1", [] {
                      return with_adapter([](HBA_HANDLE h) {
-                         std::vector<unsigned char> m(4 + 64 * sizeof(MV_FCPSCSIENTRY));
+                         static std::vector<unsigned char> m(4 + 64 * sizeof(MV_FCPSCSIENTRY));  // made unarmed
                          const uint32_t n = 64;
                          std::memcpy(m.data(), &n, 4);
                          return long(mirvak_GetFCPTargetMappingv1(h, reinterpret_cast<MV_FCPTARGETMAPPING*>(m.data())));
@@ -154,7 +230,7 @@ std::vector<Case> cases() {
                  }, {1}});
     c.push_back({"GetFCPTargetMappingv2", [] {
                      return with_adapter([](HBA_HANDLE h) {
-                         std::vector<unsigned char> m(4 + 64 * sizeof(MV_FCPSCSIENTRYV2));
+                         static std::vector<unsigned char> m(4 + 64 * sizeof(MV_FCPSCSIENTRYV2));  // made unarmed
                          const uint32_t n = 64;
                          std::memcpy(m.data(), &n, 4);
                          HBA_WWN w;

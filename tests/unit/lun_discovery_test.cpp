@@ -467,6 +467,20 @@ TEST_F(LunDiscovery, LeadingColonsStayOnTheCutName) {
     EXPECT_EQ(luns[0].size, 100u);
 }
 
+TEST_F(LunDiscovery, LongBlockLinkNamesAreSplitWhole) {
+    UseFabric(Fabric(R"({"lun":0,"block":"sdb","size":100})"));
+    const std::string lun = kTarget + "/2:0:1:0";
+    const std::string head = std::string(120, 'b') + "block", device(120, 'd');
+    std::filesystem::rename(Real(lun + "/block:sdb"), Real(lun + "/" + head + ":" + device + ":tail"));
+    auto luns = Info(1);
+    ExpectText(luns[0].device, sizeof luns[0].device, "/dev/" + device);
+    EXPECT_EQ(luns[0].size, 100u);
+    EXPECT_EQ(out, Btl("2:0:1:0"));
+    // The count cuts the entry's own name to its first token.
+    EXPECT_EQ(Count(), 1u);
+    EXPECT_EQ(out, Btl("2:0:1:0") + "read_proc:: File " + lun + "/" + head + "/size open failed\n");
+}
+
 TEST_F(LunDiscovery, BlockLinkWithoutADeviceNameGivesTheBareDevPrefix) {
     UseFabric(Fabric(R"({"lun":0,"block":"sdb","size":100})"));
     const std::string lun = kTarget + "/2:0:1:0";
