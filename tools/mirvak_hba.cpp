@@ -414,7 +414,12 @@ int mirvak_hba_main(int argc, char** argv) {
                 print_adapters_text(out, adapters);
             }
         } else if (leaf == c_decode) {
-            print(out, cli.as_json, decode_command(decode_file, view));
+            Outcome o;
+            {
+                Progress progress("decoding " + decode_file);
+                o = decode_command(decode_file, view);
+            }
+            print(out, cli.as_json, o);
         } else if (leaf == c_metrics) {
             Session session;
             metrics_command(session, !metrics_no_luns, metrics_file, out);

@@ -20,7 +20,10 @@ void add_fcoe(json& p, HBA_HANDLE h, HBA_UINT32 index, const HBA_PORTATTRIBUTES&
     info.attributes = a;
     const HBA_UINT32 st = mirvak_GetKXAdapterPortAttributes(h, index, &info);
     mv::tool::add_hba_status(p, "fcoe_status", st);
-    if (st == HBA_STATUS_OK) p["fcoe"] = mv::tool::port_info_json(info, PortKind::Local)["fcoe"];
+    if (st != HBA_STATUS_OK) return;
+    const json full = mv::tool::port_info_json(info, PortKind::Local);
+    p["fcoe"] = full["fcoe"];
+    p["raw"] = full["raw"];
 }
 
 void add_statistics(json& p, HBA_HANDLE h, HBA_UINT32 index) {

@@ -164,21 +164,22 @@ json port_info_json(const port_info& p, PortKind kind) {
         j["role"] = TEXT(p.role);
         j["rnode_index"] = static_cast<uint32_t>(p.rnode_index);
         // The remote node's words the library passes on without a meaning.
-        j["word_4"] = static_cast<uint32_t>(p.lnode_id);
-        j["byte_12"] = static_cast<uint32_t>(p.rnode_byte_12);
+        j["raw"] = {{"word_4", static_cast<uint32_t>(p.lnode_id)},
+                    {"byte_12", static_cast<uint32_t>(p.rnode_byte_12)}};
         return j;
     }
     j["fcoe"] = {{"lnode_id", static_cast<uint32_t>(p.lnode_id)},
-                 {"word_5", static_cast<uint32_t>(p.lnode_word_5)},
                  {"lnode_mac", mac(p.lnode_mac)},
                  {"port_mac", mac(p.port_mac)},
                  {"phys_port", static_cast<unsigned>(p.phys_port)},
                  {"fcf_index", static_cast<uint32_t>(p.fcf_index)},
-                 {"word_148", static_cast<uint32_t>(p.lnode_word_148)},
                  {"port_error", p.lnode_flag != 0},
                  {"flag", static_cast<unsigned>(p.lnode_flag)},
                  {"vport_word", static_cast<uint32_t>(p.lnode_word_28)},
                  {"vlan_id", static_cast<unsigned>(p.vlan_id)}};
+    // The local node's words the library passes on without a meaning.
+    j["raw"] = {{"word_5", static_cast<uint32_t>(p.lnode_word_5)},
+                {"word_148", static_cast<uint32_t>(p.lnode_word_148)}};
     return j;
 }
 
@@ -274,12 +275,15 @@ void print_port_info(std::FILE* out, const json& p, int indent, PortKind kind) {
     static const Field kRemote[] = {
         {"role", "Role", Show::Plain},
         {"rnode_index", "Remote node index", Show::Plain},
+    };
+    static const Field kRemoteRaw[] = {
         {"word_4", "Remote node word 4", Show::Plain},
         {"byte_12", "Remote node byte 12", Show::Plain},
     };
     print_fields(out, p, indent, kCommon);
     if (kind == PortKind::Remote) {
         print_fields(out, p, indent, kRemote);
+        if (p.contains("raw")) print_fields(out, p["raw"], indent, kRemoteRaw);
         return;
     }
     print_fields(out, p, indent, kLocal);
