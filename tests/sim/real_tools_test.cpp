@@ -229,28 +229,7 @@ TEST_F(RealTools, Sg3UtilsAnswerWithTheFabricsIdentitiesAndSizes) {
 }
 
 // GET /metrics from 127.0.0.1:port; empty when nothing answers.
-std::string fetch_metrics(int port) {
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    if (s < 0) return {};
-    timeval tv{5, 0};
-    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    std::string body;
-    if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
-        const std::string req = "GET /metrics HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
-        if (write(s, req.data(), req.size()) == static_cast<ssize_t>(req.size())) {
-            char buf[8192];
-            ssize_t n = 0;
-            while ((n = read(s, buf, sizeof buf)) > 0) body.append(buf, static_cast<std::size_t>(n));
-        }
-    }
-    close(s);
-    const std::size_t head = body.find("\r\n\r\n");
-    return head == std::string::npos ? std::string() : body.substr(head + 4);
-}
+std::string fetch_metrics(int port) { return testenv::HttpGet(port, "/metrics", "", 5).body; }
 
 // Series name with labels -> value, from the text format.
 std::map<std::string, std::string> series(const std::string& text) {

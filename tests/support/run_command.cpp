@@ -13,8 +13,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <thread>
 
 extern char** environ;
@@ -93,6 +95,52 @@ void StopProcess(pid_t pid) {
     }
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
+}
+
+HttpAnswer HttpGet(int port, const std::string& path, const std::string& extra_headers, int timeout_s) {
+    HttpAnswer a;
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    if (s < 0) return a;
+    timeval tv{timeout_s, 0};
+    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(s);
+        return a;
+    }
+    const std::string req =
+        "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + extra_headers + "\r\n";
+    send(s, req.data(), req.size(), MSG_NOSIGNAL);
+    std::string all;
+    char buf[65536];
+    for (;;) {
+        const ssize_t n = recv(s, buf, sizeof buf, 0);
+        if (n <= 0) break;
+        all.append(buf, static_cast<std::size_t>(n));
+    }
+    close(s);
+    const std::size_t end = all.find("\r\n\r\n");
+    if (end == std::string::npos || all.compare(0, 7, "HTTP/1.") != 0) return a;
+    a.status = std::atoi(all.c_str() + 9);
+    a.head = all.substr(0, end);
+    a.body = all.substr(end + 4);
+    if (a.head.find("Transfer-Encoding: chunked") != std::string::npos) {
+        std::string body;
+        std::size_t at = 0;
+        for (int chunks = 0; chunks < 100000; ++chunks) {
+            const std::size_t nl = a.body.find("\r\n", at);
+            if (nl == std::string::npos) break;
+            const std::size_t n = std::strtoul(a.body.c_str() + at, nullptr, 16);
+            if (n == 0 || nl + 2 + n > a.body.size()) break;
+            body += a.body.substr(nl + 2, n);
+            at = nl + 2 + n + 2;
+        }
+        a.body = body;
+    }
+    return a;
 }
 
 }  // namespace testenv

@@ -1,7 +1,7 @@
 // Running other programs from tests: a command line through the shell or an
 // argument vector, with what it prints caught; a free TCP port on
-// 127.0.0.1 for a server a test starts; and stopping a started process by
-// its id.
+// 127.0.0.1 for a server a test starts, and a GET of what it serves; and
+// stopping a started process by its id.
 #ifndef MIRVAK_TESTS_RUN_COMMAND_H
 #define MIRVAK_TESTS_RUN_COMMAND_H
 
@@ -30,6 +30,16 @@ CommandResult RunShell(const std::string& command_line);
 // standard error together. status: the exit status, 128 + the signal's
 // number when a signal ended it, -1 when it could not be started.
 CommandResult RunArgv(const std::vector<std::string>& argv, const std::string& input_file = "");
+
+struct HttpAnswer {
+    int status = -1;  // the HTTP status; -1 when nothing or no HTTP answer came
+    std::string head, body;  // body with any chunked transfer undone
+};
+
+// One GET of path from 127.0.0.1:port on a fresh connection
+// ("Connection: close"), extra_headers (each ending in CRLF) added, each
+// read limited to timeout_s seconds.
+HttpAnswer HttpGet(int port, const std::string& path, const std::string& extra_headers = "", int timeout_s = 20);
 
 // A TCP port on 127.0.0.1 that is free now; -1 when none could be had.
 int FreePort();
