@@ -51,6 +51,9 @@
 //     the plug-in and the front library included. The effect is process-wide,
 //     so tests set MIRVAK_SIM_ROOT only for as long as they need it.
 //
+// readlink and readlinkat end a redirected link's text with a NUL when
+// the buffer has room for it (see ended_link_text).
+//
 // Every redirected call is counted (files, directories, other lookups; see
 // mirvak_sim_redirected_files in redirect.h).
 //
@@ -122,6 +125,7 @@ constexpr Prefix kPrefixes[] = {
     tree("/sys/block"),
     tree("/sys/bus/scsi"),
     tree("/sys/bus/pci"),
+    tree("/sys/bus/fcoe"),
     tree("/sys/class/net"),
     tree("/sys/devices/pci0000:00"),
     tree("/sys/module/tuskstor"),
@@ -216,6 +220,16 @@ char* strip_root(char* resolved) {
     if (strncmp(resolved, root, len) != 0 || resolved[len] != '/') return resolved;
     memmove(resolved, resolved + len, strlen(resolved + len) + 1);
     return resolved;
+}
+
+// A redirected link's text, read into buf, also ends with a NUL when there
+// is room after it. readlink itself leaves the rest of buf alone; fcoeadm
+// (fcoe-utils 1.0.34) takes the text of a network device's "device" link
+// as a C string from a buffer that still holds a longer path it wrote
+// before, and would read a PCI function that is not there.
+ssize_t ended_link_text(ssize_t n, bool redirected_path, char* buf, size_t size) {
+    if (redirected_path && n >= 0 && static_cast<size_t>(n) < size) buf[n] = '\0';
+    return n;
 }
 
 }  // namespace
@@ -446,13 +460,15 @@ ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
 }
 
 ssize_t readlink(const char* path, char* buf, size_t size) noexcept {
-    return forward(MIRVAK_NEXT(readlink), path, ssize_t{-1},
-                   [&](auto real, const char* p) { return real(p, buf, size); });
+    return forward(MIRVAK_NEXT(readlink), path, ssize_t{-1}, [&](auto real, const char* p) {
+        return ended_link_text(real(p, buf, size), p != path, buf, size);
+    });
 }
 
 ssize_t readlinkat(int dirfd, const char* path, char* buf, size_t size) noexcept {
-    return forward(MIRVAK_NEXT(readlinkat), path, ssize_t{-1},
-                   [&](auto real, const char* p) { return real(dirfd, p, buf, size); });
+    return forward(MIRVAK_NEXT(readlinkat), path, ssize_t{-1}, [&](auto real, const char* p) {
+        return ended_link_text(real(dirfd, p, buf, size), p != path, buf, size);
+    });
 }
 
 int chdir(const char* path) noexcept {

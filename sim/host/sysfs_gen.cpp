@@ -128,11 +128,15 @@ void check_name(const std::string& name, const char* what) {
 
 // "0x" and 16 lower-case hex digits and a line end, as the FC transport
 // class prints a WWN.
-std::string wwn_text(const Wwn& w) {
+unsigned long long wwn_value(const Wwn& w) {
     unsigned long long v = 0;
     for (uint8_t b : w) v = (v << 8) | b;
+    return v;
+}
+
+std::string wwn_text(const Wwn& w) {
     char buf[32];
-    std::snprintf(buf, sizeof buf, "0x%016llx\n", v);
+    std::snprintf(buf, sizeof buf, "0x%016llx\n", wwn_value(w));
     return buf;
 }
 
@@ -193,6 +197,19 @@ void view_link(const fs::path& link, const fs::path& target) {
     std::error_code ec;
     if (fs::symlink_status(link, ec).type() != fs::file_type::not_found) return;
     make_link(link, target);
+}
+
+// A link of a class view whose text is the path to target as written, not
+// resolved: the kernel names a class device through the device tree, and
+// readers take parts of the link's text (its "/net/" and controller). The
+// link's folder holds no link itself, so the lexical path resolves. The
+// first entry of a name keeps it, as in view_link.
+void written_link(const fs::path& link, const fs::path& target) {
+    std::error_code ec;
+    if (fs::symlink_status(link, ec).type() != fs::file_type::not_found) return;
+    make_dirs(link.parent_path());
+    fs::create_symlink(target.lexically_relative(link.parent_path()), link, ec);
+    if (ec) fail(link, "cannot create link", ec);
 }
 
 // A class device directory with its "device" link back to the device it
@@ -446,12 +463,13 @@ void write_rport_attrs(const fs::path& dir, const RemoteNode& rn, std::optional<
     write_file(dir / "fast_io_fail_tmo", "off\n");
 }
 
-// One SCSI host: `device` is its device directory (.../hostH).
+// One SCSI host: `kernel_device` is where the kernel would place it in the
+// device tree (below its FCoE controller, see host_places).
 // The SCSI host's device directory lies below its fc_host class entry, as
 // class/fc_host/hostH/device, and the device tree's hostH is a link to it:
 // the plug-in's readers meet real directories on the paths they walk (the
 // kernel has it the other way round; every path resolves the same).
-void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln) {
+void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln, const fs::path& kernel_device) {
     const std::string hs = std::to_string(h);
     const std::string host_name = "host" + hs;
     const fs::path fc_host = v.sys / "class" / "fc_host" / host_name;
@@ -485,7 +503,10 @@ void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln) {
         const fs::path remote = class_device(rport, "fc_remote_ports", rport_name);
         write_rport_attrs(remote, rn, t);
         make_link(rport / ("fc_remote_ports:" + rport_name), remote);
-        view_link(v.sys / "class" / "fc_remote_ports" / rport_name, remote);
+        // Named through the device tree, as the kernel's link reads: FCoE
+        // tools tell an FCoE remote port by the "/net/" in its text.
+        written_link(v.sys / "class" / "fc_remote_ports" / rport_name,
+                     kernel_device / rport_name / "fc_remote_ports" / rport_name);
 
         if (!target) continue;
         const std::string ht = hs + ":0:" + std::to_string(*t);
@@ -583,31 +604,54 @@ fs::path checked_root(const std::string& root) {
     return base;
 }
 
-// The device directory of every SCSI host: a physical port's below the PCI
-// function of its adapter port, a virtual port's below its physical port's
-// host (vport-P:0-K/hostH), as the kernel places them.
-std::vector<fs::path> host_devices(const Fabric& f, const fs::path& sys, const std::vector<HostAssignment>& hosts) {
-    std::vector<fs::path> out(hosts.size());
+// Where every SCSI host lies in the device tree. `device`: a physical
+// port's below the PCI function of its adapter port, a virtual port's below
+// its physical port's host (vport-P:0-K/hostH). `kernel`: the same host on
+// the path the kernel gives an FCoE host, below its controller
+// (.../net/<interface>/ctlr_N/hostH, a virtual port's .../ctlr_N/hostP/
+// vport-P:0-K/hostH); the class views of its remote ports name this path.
+// Every physical port gets a controller, numbered in chain order.
+struct HostPlace {
+    fs::path device;
+    fs::path kernel;
+    std::optional<unsigned> controller;  // physical ports only
+    fs::path interface;                  // the port's network device folder
+};
+
+std::vector<HostPlace> host_places(const Fabric& f, const fs::path& sys, const std::vector<HostAssignment>& hosts) {
+    std::vector<HostPlace> out(hosts.size());
     std::map<std::pair<std::size_t, Wwn>, std::size_t> physical;  // (adapter, WWPN) -> position in hosts
     for (std::size_t i = 0; i < hosts.size(); ++i) {
         const LocalNode& ln = f.adapters[hosts[i].adapter].lnodes[hosts[i].lnode];
         if (!ln.parent) physical.emplace(std::make_pair(hosts[i].adapter, ln.port_wwn), i);
     }
+    const fs::path pci = sys / "devices" / "pci0000:00";
+    unsigned controllers = 0;
+    for (std::size_t i = 0; i < hosts.size(); ++i) {
+        const Adapter& a = f.adapters[hosts[i].adapter];
+        const LocalNode& ln = a.lnodes[hosts[i].lnode];
+        if (ln.parent) continue;
+        const std::string name = "host" + std::to_string(hosts[i].host);
+        out[i].device = pci / pci_function(a.instance, ln.port_num) / name;
+        out[i].interface = pci / pci_function(a.instance, ln.port_num) / "net" / net_interface(a.instance, ln.port_num);
+        out[i].controller = controllers++;
+        out[i].kernel = out[i].interface / ("ctlr_" + std::to_string(*out[i].controller)) / name;
+    }
     std::map<std::size_t, unsigned> vports;  // physical host position -> virtual ports placed
     for (std::size_t i = 0; i < hosts.size(); ++i) {
         const Adapter& a = f.adapters[hosts[i].adapter];
         const LocalNode& ln = a.lnodes[hosts[i].lnode];
+        if (!ln.parent) continue;
         const std::string name = "host" + std::to_string(hosts[i].host);
-        const auto parent = ln.parent ? physical.find({hosts[i].adapter, *ln.parent}) : physical.end();
-        if (parent != physical.end()) {
-            const std::size_t p = parent->second;
-            const fs::path parent_dir = sys / "devices" / "pci0000:00" /
-                                        pci_function(a.instance, a.lnodes[hosts[p].lnode].port_num) /
-                                        ("host" + std::to_string(hosts[p].host));
-            out[i] = parent_dir / ("vport-" + std::to_string(hosts[p].host) + ":0-" + std::to_string(vports[p]++)) / name;
-        } else {
-            out[i] = sys / "devices" / "pci0000:00" / pci_function(a.instance, ln.port_num) / name;
+        const auto parent = physical.find({hosts[i].adapter, *ln.parent});
+        if (parent == physical.end()) {  // no physical port to sit below
+            out[i].device = out[i].kernel = pci / pci_function(a.instance, ln.port_num) / name;
+            continue;
         }
+        const std::size_t p = parent->second;
+        const fs::path vport = "vport-" + std::to_string(hosts[p].host) + ":0-" + std::to_string(vports[p]++);
+        out[i].device = out[p].device / vport / name;
+        out[i].kernel = out[p].kernel / vport / name;
     }
     return out;
 }
@@ -756,11 +800,93 @@ void write_adapter_functions(const Fabric& f, const fs::path& sys) {
     }
 }
 
+// What the FIP keep-alive advertisement and the FCoE transport fix for
+// every FCF and controller (no driver record holds them).
+constexpr unsigned kFcfPriority = 128;
+constexpr unsigned kFkaPeriodSeconds = 8;
+constexpr unsigned kFcfDevLossTmo = 1800;
+constexpr uint32_t kDefaultFcMap = 0x0efc00;
+
+// An FCF as a controller's port discovered it: fcf_N's attributes. The
+// switch names itself by the fabric's name (a fabric of one switch) and
+// takes its MAC from that name's low six bytes (an IEEE-registered name,
+// 10:00 and the MAC); the FC-MAP is the one the port's fabric-provided MAC
+// begins with.
+void write_fcf(const fs::path& dir, const Fcf& fcf, const LocalNode& port) {
+    make_dir(dir);
+    write_file(dir / "fabric_name", hex_line(wwn_value(fcf.fabric_name)));
+    write_file(dir / "switch_name", hex_line(wwn_value(fcf.fabric_name)));
+    const Mac mac{fcf.fabric_name[2], fcf.fabric_name[3], fcf.fabric_name[4],
+                  fcf.fabric_name[5], fcf.fabric_name[6], fcf.fabric_name[7]};
+    write_file(dir / "mac", mac_text(mac));
+    const uint32_t map = (uint32_t{port.mac[0]} << 16) | (uint32_t{port.mac[1]} << 8) | port.mac[2];
+    write_file(dir / "fc_map", hex_line(map != 0 ? map : kDefaultFcMap));
+    write_file(dir / "vfid", "0\n");
+    write_file(dir / "priority", decimal_line(kFcfPriority));
+    write_file(dir / "fka_period", decimal_line(kFkaPeriodSeconds));
+    const bool selected = fcf.fcf_index == port.fcf_index;
+    write_file(dir / "selected", selected ? "1\n" : "0\n");
+    write_file(dir / "state", port.state == "READY" ? "Connected\n" : "Disconnected\n");
+    write_file(dir / "vlan_id", decimal_line(fcf.vlan));
+    write_file(dir / "dev_loss_tmo", decimal_line(kFcfDevLossTmo));
+}
+
+// The controller of a physical port, as the FCoE transport publishes it:
+// <interface>/ctlr_N/{enabled,mode,fcf_dev_loss_tmo,r_a_tov,e_d_tov,
+// fip_vlan_responder,lesb/,hostH->,fcf_M/} and sys/bus/fcoe/devices/
+// {ctlr_N,fcf_M}. Its FCFs are those its port and the port's virtual ports
+// logged in through, in the driver's FCF order; fcf_M counts across
+// controllers.
+void write_controller(const fs::path& sys, const Adapter& a, const LocalNode& port, const HostPlace& place,
+                      const std::set<uint32_t>& fcf_indexes, unsigned& next_fcf) {
+    const fs::path ctlr = place.kernel.parent_path();
+    const fs::path bus = sys / "bus" / "fcoe" / "devices";
+    make_dir(ctlr);
+    const bool enabled = port.port_num < a.hw.ports.size() && a.hw.ports[port.port_num].enabled != 0;
+    write_file(ctlr / "enabled", enabled ? "1\n" : "0\n");
+    write_file(ctlr / "mode", "Fabric\n");
+    write_file(ctlr / "fcf_dev_loss_tmo", decimal_line(kFcfDevLossTmo));
+    write_file(ctlr / "r_a_tov", "10000\n");
+    write_file(ctlr / "e_d_tov", "2000\n");
+    write_file(ctlr / "fip_vlan_responder", "0\n");
+    make_dir(ctlr / "lesb");
+    for (const char* counter : {"link_fail", "vlink_fail", "miss_fka", "symb_err", "err_block", "fcs_error"})
+        write_file(ctlr / "lesb" / counter, "0\n");  // the driver counts none of them
+    make_link(place.kernel, place.device);
+    make_link(bus / ctlr.filename(), ctlr);
+    for (const Fcf& fcf : a.fcfs) {
+        if (fcf_indexes.count(fcf.fcf_index) == 0) continue;
+        const std::string name = "fcf_" + std::to_string(next_fcf++);
+        write_fcf(ctlr / name, fcf, port);
+        make_link(bus / name, ctlr / name);
+    }
+}
+
+// Every physical port's FCoE controller (see write_controller), and the
+// fcoe bus's own ctlr_create and ctlr_destroy.
+void write_fcoe_controllers(const Fabric& f, const fs::path& sys, const std::vector<HostAssignment>& hosts,
+                            const std::vector<HostPlace>& places) {
+    const fs::path bus = sys / "bus" / "fcoe";
+    make_dirs(bus / "devices");
+    write_file(bus / "ctlr_create", "");
+    write_file(bus / "ctlr_destroy", "");
+    unsigned next_fcf = 0;
+    for (std::size_t i = 0; i < hosts.size(); ++i) {
+        if (!places[i].controller) continue;
+        const Adapter& a = f.adapters[hosts[i].adapter];
+        const LocalNode& port = a.lnodes[hosts[i].lnode];
+        std::set<uint32_t> fcf_indexes{port.fcf_index};
+        for (const LocalNode& ln : a.lnodes)
+            if (ln.parent && *ln.parent == port.port_wwn) fcf_indexes.insert(ln.fcf_index);
+        write_controller(sys, a, port, places[i], fcf_indexes, next_fcf);
+    }
+}
+
 // The views written below root/sys, each removed before it is written again.
 constexpr const char* kViews[] = {"devices", "class/fc_host", "class/scsi_host", "class/fc_remote_ports",
                                   "class/fc_transport", "class/scsi_device", "class/scsi_generic",
                                   "class/block", "block", "bus/scsi", "bus/pci", "class/net",
-                                  "module/tuskstor"};
+                                  "module/tuskstor", "bus/fcoe"};
 
 // root/sys and root/sim, written afresh.
 void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<HostAssignment>& hosts) {
@@ -771,21 +897,22 @@ void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<Ho
     remove_tree(sg_dir);
 
     make_dirs(v.sys / "class" / "fc_host");
-    for (const HostAssignment& h : hosts) {
-        const Adapter& a = f.adapters[h.adapter];
-        write_host(v, h.host, a, a.lnodes[h.lnode]);
+    const std::vector<HostPlace> places = host_places(f, v.sys, hosts);
+    for (std::size_t i = 0; i < hosts.size(); ++i) {
+        const Adapter& a = f.adapters[hosts[i].adapter];
+        write_host(v, hosts[i].host, a, a.lnodes[hosts[i].lnode], places[i].kernel);
     }
     write_adapter_functions(f, v.sys);
     // The device tree: physical ports' hosts first, then the virtual ports'
     // below them (their folders are reached through the physical ports'
     // links).
-    const std::vector<fs::path> devices = host_devices(f, v.sys, hosts);
     for (const bool virtual_ports : {false, true})
         for (std::size_t i = 0; i < hosts.size(); ++i) {
-            const bool is_virtual = devices[i].parent_path().filename().string().rfind("vport-", 0) == 0;
+            const bool is_virtual = places[i].device.parent_path().filename().string().rfind("vport-", 0) == 0;
             if (is_virtual != virtual_ports) continue;
-            make_link(devices[i], v.sys / "class" / "fc_host" / ("host" + std::to_string(hosts[i].host)) / "device");
+            make_link(places[i].device, v.sys / "class" / "fc_host" / ("host" + std::to_string(hosts[i].host)) / "device");
         }
+    write_fcoe_controllers(f, v.sys, hosts, places);
 
     make_dirs(sg_dir);
     const std::string text =
