@@ -306,8 +306,10 @@ struct ViewState {
     std::vector<sg::Device> index;
 };
 
-void write_lun(ViewState& v, const fs::path& target_dir, const std::string& btl, const Lun& lun,
-               const RemoteNode& rn) {
+// A LUN of the target folder target_dir, which the kernel would place at
+// kernel_target.
+void write_lun(ViewState& v, const fs::path& target_dir, const fs::path& kernel_target, const std::string& btl,
+               const Lun& lun, const RemoteNode& rn) {
     const std::string name = lun.sysfs_name ? *lun.sysfs_name : btl;
     check_name(name, "LUN");
     const fs::path dir = target_dir / name;
@@ -318,7 +320,10 @@ void write_lun(ViewState& v, const fs::path& target_dir, const std::string& btl,
     write_file(dir / "type", "0\n");  // direct-access block device, as INQUIRY answers
     write_file(dir / "state", rn.state.find("READY") != std::string::npos ? "running\n" : "offline\n");
     view_link(v.sys / "bus" / "scsi" / "devices" / name, dir);
-    view_link(v.sys / "class" / "scsi_device" / name, class_device(dir, "scsi_device", name));
+    class_device(dir, "scsi_device", name);
+    // Through the device tree, as the kernel's link reads: FCoE tools take
+    // the SCSI host from its text.
+    written_link(v.sys / "class" / "scsi_device" / name, kernel_target / name / "scsi_device" / name);
     const std::string sg_name = "sg" + std::to_string(v.next_sg);
     const fs::path sg_dir = class_device(dir, "scsi_generic", sg_name);
     write_file(sg_dir / "dev", "21:" + std::to_string(v.next_sg++) + "\n");
@@ -332,6 +337,10 @@ void write_lun(ViewState& v, const fs::path& target_dir, const std::string& btl,
     write_file(disk / "size", size);
     write_file(disk / "ro", "0\n");
     write_file(disk / "removable", "0\n");
+    // 512-byte blocks, as READ CAPACITY answers.
+    make_dir(disk / "queue");
+    for (const char* block_size : {"hw_sector_size", "logical_block_size", "physical_block_size"})
+        write_file(disk / "queue" / block_size, "512\n");
     view_link(v.sys / "class" / "block" / lun.block, disk);
     view_link(v.sys / "block" / lun.block, disk);
     // The older name of the same directory.
@@ -380,6 +389,16 @@ void add_devices(std::vector<sg::Device>& index, const std::string& ht, const Re
     }
 }
 
+// The FCF a local node logged in through; all zero (frame size 0) when the
+// adapter lists none of that index.
+Fcf fcf_of(const Adapter& a, const LocalNode& ln) {
+    for (const Fcf& f : a.fcfs)
+        if (f.fcf_index == ln.fcf_index) return f;
+    Fcf none;
+    none.max_frame_size = 0;
+    return none;
+}
+
 // The fc_host attributes and statistics of a local node, from the driver's
 // records for the same port (sim/FABRIC.md lists each source).
 void write_fc_host_attrs(const fs::path& dir, const Adapter& a, const LocalNode& ln) {
@@ -400,16 +419,9 @@ void write_fc_host_attrs(const fs::path& dir, const Adapter& a, const LocalNode&
     write_file(dir / "supported_classes", classes_text(ln.cos));
     write_file(dir / "supported_fc4s", fc4s_text(true));
     write_file(dir / "active_fc4s", fc4s_text(live));
-    Wwn fabric{};
-    uint16_t frame = 0;
-    for (const Fcf& f : a.fcfs) {
-        if (f.fcf_index != ln.fcf_index) continue;
-        fabric = f.fabric_name;
-        frame = f.max_frame_size;
-        break;
-    }
-    write_file(dir / "fabric_name", wwn_text(fabric));
-    write_file(dir / "maxframe_size", std::to_string(frame) + " bytes\n");
+    const Fcf fcf = fcf_of(a, ln);
+    write_file(dir / "fabric_name", wwn_text(fcf.fabric_name));
+    write_file(dir / "maxframe_size", std::to_string(fcf.max_frame_size) + " bytes\n");
     char fw[16];
     std::snprintf(fw, sizeof fw, "%08X", a.hw.fw_version);
     // As a software FCoE host names itself: "... over <network interface>"
@@ -451,7 +463,9 @@ void write_fc_host_attrs(const fs::path& dir, const Adapter& a, const LocalNode&
     for (const auto& [name, value] : counters) write_file(stats / name, hex_line(value));
 }
 
-void write_rport_attrs(const fs::path& dir, const RemoteNode& rn, std::optional<uint32_t> target) {
+// max_frame: the frame size the local port's FCF allows, which its logins
+// to remote ports keep to.
+void write_rport_attrs(const fs::path& dir, const RemoteNode& rn, std::optional<uint32_t> target, uint16_t max_frame) {
     write_file(dir / "port_name", rn.sysfs_port_name ? *rn.sysfs_port_name : wwn_text(rn.port_wwn));
     write_file(dir / "node_name", wwn_text(rn.node_wwn));
     write_file(dir / "port_id", fcid_text(rn.fcid));
@@ -461,6 +475,7 @@ void write_rport_attrs(const fs::path& dir, const RemoteNode& rn, std::optional<
     write_file(dir / "supported_classes", classes_text(rn.cos));
     write_file(dir / "dev_loss_tmo", "60\n");
     write_file(dir / "fast_io_fail_tmo", "off\n");
+    write_file(dir / "maxframe_size", std::to_string(max_frame) + " bytes\n");
 }
 
 // One SCSI host: `kernel_device` is where the kernel would place it in the
@@ -501,7 +516,7 @@ void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln, cons
             ++target_ordinal;  // an explicit number takes an ordinal too
         }
         const fs::path remote = class_device(rport, "fc_remote_ports", rport_name);
-        write_rport_attrs(remote, rn, t);
+        write_rport_attrs(remote, rn, t, fcf_of(a, ln).max_frame_size);
         make_link(rport / ("fc_remote_ports:" + rport_name), remote);
         // Named through the device tree, as the kernel's link reads: FCoE
         // tools tell an FCoE remote port by the "/net/" in its text.
@@ -527,7 +542,9 @@ void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln, cons
             write_file(transport / "port_id", fcid_text(rn.fcid));
         }
         const unsigned first_sg = v.next_sg;
-        for (const Lun& lun : rn.luns) write_lun(v, target_dir, ht + ":" + std::to_string(lun.lun), lun, rn);
+        const fs::path kernel_target = kernel_device / rport_name / target_dir.filename();
+        for (const Lun& lun : rn.luns)
+            write_lun(v, target_dir, kernel_target, ht + ":" + std::to_string(lun.lun), lun, rn);
         add_devices(v.index, ht, rn, first_sg);
     }
 }
