@@ -45,6 +45,9 @@
 #include <mutex>
 #include <string>
 
+#include <linux/bsg.h>
+
+#include "bsg_rport.h"
 #include "redirect.h"
 #include "sg_index.h"
 #include "sg_target.h"
@@ -61,7 +64,8 @@ constexpr std::size_t kKeptRequests = 4096;
 constexpr unsigned int kMaxTransfer = 1u << 20;
 
 struct OpenNode {
-    std::shared_ptr<const Device> device;
+    std::shared_ptr<const Device> device;     // a LUN's node, or
+    std::shared_ptr<const RemotePort> rport;  // a remote port's bsg node
     std::string path;  // as opened: the block or the generic node
     dev_t dev = 0;
     ino_t ino = 0;
@@ -73,6 +77,7 @@ struct State {
     // index without one) its text.
     std::string root, text, stamp;
     std::map<std::string, std::shared_ptr<const Device>> devices;
+    std::map<std::string, std::shared_ptr<const RemotePort>> rports;
     std::map<int, OpenNode> fds;
     std::deque<mirvak_simsg_request> requests;
     std::size_t request_count = 0;
@@ -111,38 +116,59 @@ bool read_file(const std::string& path, std::string& out) {
     return ok;
 }
 
-// The device listed for path under the current root, or null. Called with
-// the lock held.
-std::shared_ptr<const Device> lookup(State& s, const char* path) {
+// Reads the index under the current root again when it changed. Called
+// with the lock held. False when there is no root or no index.
+bool refresh(State& s) {
     const char* root = getenv(kRootEnv);
-    if (root == nullptr || root[0] == '\0') return nullptr;
+    if (root == nullptr || root[0] == '\0') return false;
     // An index parsed under the stamp that is there now is not read again
     // (a large host's index is megabytes, and every LUN's node is opened).
     std::string stamp;
     if (!read_file(std::string(root) + "/" + kStampFile, stamp)) stamp.clear();
     if (stamp.empty() || s.root != root || s.stamp != stamp) {
         std::string text;
-        if (!read_file(std::string(root) + "/" + kIndexFile, text)) return nullptr;
+        if (!read_file(std::string(root) + "/" + kIndexFile, text)) return false;
         if (s.root != root || !stamp.empty() || !s.stamp.empty() || s.text != text) {
             s.devices.clear();
+            s.rports.clear();
             try {
                 // The first entry for a path wins.
-                for (Device& d : index_from_json(nlohmann::json::parse(text))) {
+                const nlohmann::json doc = nlohmann::json::parse(text);
+                for (Device& d : index_from_json(doc)) {
                     const std::string key = d.path, generic = d.generic;
                     const auto device = std::make_shared<const Device>(std::move(d));
                     s.devices.emplace(key, device);
                     if (!generic.empty()) s.devices.emplace(generic, device);
                 }
+                for (RemotePort& r : rports_from_json(doc)) {
+                    const std::string key = r.path;
+                    s.rports.emplace(key, std::make_shared<const RemotePort>(std::move(r)));
+                }
             } catch (const std::exception&) {
                 s.devices.clear();  // an unreadable index simulates nothing
+                s.rports.clear();
             }
         }
         s.root = root;
         s.text = stamp.empty() ? std::move(text) : std::string();
         s.stamp = std::move(stamp);
     }
+    return true;
+}
+
+// The node listed for path under the current root (a LUN's or a remote
+// port's), or neither. Called with the lock held.
+OpenNode lookup(State& s, const char* path) {
+    OpenNode node;
+    if (!refresh(s)) return node;
     const auto it = s.devices.find(path);
-    return it == s.devices.end() ? nullptr : it->second;
+    if (it != s.devices.end()) {
+        node.device = it->second;
+        return node;
+    }
+    const auto r = s.rports.find(path);
+    if (r != s.rports.end()) node.rport = r->second;
+    return node;
 }
 
 bool same_file(int fd, const OpenNode& node) {
@@ -247,6 +273,54 @@ int sg_io(State& s, const Device& d, const std::string& opened, void* arg) {
     return 0;
 }
 
+// One request on a remote port's bsg node: SG_GET_VERSION_NUM, or SG_IO
+// with an sg_io_v4 carrying an FC transport request (bsg_rport.h answers
+// it). Anything else fails with ENOTTY; a malformed request with EINVAL or
+// EFAULT.
+int rport_ioctl(const RemotePort& r, unsigned long request, void* arg) {
+    if (request != SG_IO && request != SG_GET_VERSION_NUM) {
+        errno = ENOTTY;
+        return -1;
+    }
+    if (arg == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    if (request == SG_GET_VERSION_NUM) {
+        const int version = kDefaultVersion;
+        memcpy(arg, &version, sizeof version);
+        return 0;
+    }
+    sg_io_v4 h;
+    memcpy(&h, arg, sizeof h);
+    if (h.guard != 'Q' || h.protocol != BSG_PROTOCOL_SCSI || h.subprotocol != BSG_SUB_PROTOCOL_SCSI_TRANSPORT ||
+        h.dout_iovec_count != 0 || h.din_iovec_count != 0 || h.din_xfer_len > kMaxTransfer) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (h.request == 0 || (h.din_xfer_len > 0 && h.din_xferp == 0)) {
+        errno = EFAULT;
+        return -1;
+    }
+    const BsgAnswer a = respond_rport(r, reinterpret_cast<const void*>(static_cast<uintptr_t>(h.request)),
+                                      h.request_len);
+    const std::size_t n = std::min<std::size_t>(a.data.size(), h.din_xfer_len);
+    if (n > 0) memcpy(reinterpret_cast<void*>(static_cast<uintptr_t>(h.din_xferp)), a.data.data(), n);
+    std::size_t reply = 0;
+    if (h.response != 0) {
+        reply = std::min<std::size_t>(sizeof a.reply, h.max_response_len);
+        memcpy(reinterpret_cast<void*>(static_cast<uintptr_t>(h.response)), &a.reply, reply);
+    }
+    h.response_len = static_cast<uint32_t>(reply);
+    h.din_resid = static_cast<int32_t>(h.din_xfer_len - n);
+    h.dout_resid = 0;
+    h.driver_status = h.transport_status = h.device_status = 0;
+    h.info = 0;
+    h.duration = 1;
+    memcpy(arg, &h, sizeof h);
+    return 0;
+}
+
 }  // namespace
 
 bool open_device(const char* path, int flags, int* result) {
@@ -254,15 +328,16 @@ bool open_device(const char* path, int flags, int* result) {
     const int saved_errno = errno;
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mu);
-    std::shared_ptr<const Device> d;
+    OpenNode node;
     try {
-        d = lookup(s, path);
+        node = lookup(s, path);
     } catch (const std::exception&) {
-        d = nullptr;
+        node = OpenNode();
     }
     errno = saved_errno;
-    if (!d) return false;
-    if (d->no_device) {
+    const std::shared_ptr<const Device> d = node.device;
+    if (!d && !node.rport) return false;
+    if (d && d->no_device) {
         errno = ENOENT;
         *result = -1;
         return true;
@@ -280,8 +355,6 @@ bool open_device(const char* path, int flags, int* result) {
         *result = -1;
         return true;
     }
-    OpenNode node;
-    node.device = d;
     node.path = path;
     node.dev = st.st_dev;
     node.ino = st.st_ino;
@@ -304,6 +377,10 @@ bool device_ioctl(int fd, unsigned long request, void* arg, int* result) {
     }
     const std::shared_ptr<const Device> d = it->second.device;
     const std::string opened = it->second.path;
+    if (it->second.rport) {
+        *result = rport_ioctl(*it->second.rport, request, arg);
+        return true;
+    }
     switch (request) {
     case SG_GET_VERSION_NUM:
         ++s.version_queries;

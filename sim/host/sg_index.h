@@ -24,6 +24,10 @@
 //         "sg_version": 30527,         // SG_GET_VERSION_NUM's answer
 //         "no_device": false,          // open fails with ENOENT
 //         "target_luns": [0, 1, 3] }   // REPORT LUNS: every LUN of its target
+//     ],
+//     "rports": [                      // remote ports' bsg nodes (optional)
+//       { "path": "/dev/bsg/rport-0:0-0",
+//         "online": true }             // port_state Online: requests reach it
 //     ]
 //   }
 //
@@ -79,6 +83,12 @@ struct Device {
     std::vector<uint32_t> target_luns;
 };
 
+// A remote port's block SCSI generic node (bsg_rport.h answers it).
+struct RemotePort {
+    std::string path;
+    bool online = false;
+};
+
 inline std::string hex_bytes(const std::vector<uint8_t>& bytes) {
     static const char digits[] = "0123456789abcdef";
     std::string s;
@@ -111,7 +121,7 @@ inline std::vector<uint8_t> parse_hex_bytes(const std::string& s) {
     return out;
 }
 
-inline nlohmann::json index_to_json(const std::vector<Device>& devices) {
+inline nlohmann::json index_to_json(const std::vector<Device>& devices, const std::vector<RemotePort>& rports = {}) {
     nlohmann::json list = nlohmann::json::array();
     for (const Device& d : devices) {
         nlohmann::json des = nlohmann::json::array();
@@ -137,7 +147,9 @@ inline nlohmann::json index_to_json(const std::vector<Device>& devices) {
                         {"no_device", d.no_device},
                         {"target_luns", d.target_luns}});
     }
-    return {{"format", kIndexFormat}, {"devices", list}};
+    nlohmann::json ports = nlohmann::json::array();
+    for (const RemotePort& r : rports) ports.push_back({{"path", r.path}, {"online", r.online}});
+    return {{"format", kIndexFormat}, {"devices", list}, {"rports", ports}};
 }
 
 // Throws (nlohmann::json exceptions or std::runtime_error) on anything that
@@ -172,6 +184,16 @@ inline std::vector<Device> index_from_json(const nlohmann::json& doc) {
         d.target_luns = j.at("target_luns").get<std::vector<uint32_t>>();
         out.push_back(std::move(d));
     }
+    return out;
+}
+
+// The remote ports' nodes of an index (none when it lists none). Throws
+// like index_from_json.
+inline std::vector<RemotePort> rports_from_json(const nlohmann::json& doc) {
+    std::vector<RemotePort> out;
+    if (!doc.contains("rports")) return out;
+    for (const auto& j : doc.at("rports"))
+        out.push_back({j.at("path").get<std::string>(), j.at("online").get<bool>()});
     return out;
 }
 

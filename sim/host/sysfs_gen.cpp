@@ -304,6 +304,7 @@ struct ViewState {
     unsigned next_sg = 0;          // sgN, in the order LUNs are written
     unsigned next_extended = 0;    // minor numbers of major 259
     std::vector<sg::Device> index;
+    std::vector<sg::RemotePort> rports;  // their bsg nodes, for the same index
 };
 
 // A LUN of the target folder target_dir, which the kernel would place at
@@ -518,6 +519,7 @@ void write_host(ViewState& v, int h, const Adapter& a, const LocalNode& ln, cons
         const fs::path remote = class_device(rport, "fc_remote_ports", rport_name);
         write_rport_attrs(remote, rn, t, fcf_of(a, ln).max_frame_size);
         make_link(rport / ("fc_remote_ports:" + rport_name), remote);
+        v.rports.push_back({"/dev/bsg/" + rport_name, rn.state == "READY"});
         // Named through the device tree, as the kernel's link reads: FCoE
         // tools tell an FCoE remote port by the "/net/" in its text.
         written_link(v.sys / "class" / "fc_remote_ports" / rport_name,
@@ -933,7 +935,7 @@ void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<Ho
 
     make_dirs(sg_dir);
     const std::string text =
-        sg::index_to_json(v.index).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+        sg::index_to_json(v.index, v.rports).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
     write_file(base / sg::kIndexFile, text);
     write_file(base / sg::kStampFile, index_stamp(text));
 }
