@@ -117,7 +117,7 @@ Fabric scale_fabric(const ScaleParams& sp) {
             ad.hw.ports.push_back(hp);
             Fcf fcf;
             fcf.fcf_index = p + 1;
-            fcf.fabric_name = wwn(0x1000001b9e000000ull | (uint64_t{a} << 16) | p);
+            fcf.fabric_name = wwn(0x1000001b9ef00000ull | (uint64_t{a} << 8) | p);  // its MAC 00:1b:9e:f0:aa:pp
             fcf.vlan = static_cast<uint8_t>(100 + p);
             ad.fcfs.push_back(fcf);
         }
