@@ -10,7 +10,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
   prometheus-cpp-dev libcivetweb-dev libssl-dev libyaml-cpp-dev libcrypt-dev prometheus openssl curl
-  lsscsi sg3-utils prometheus-node-exporter libhbalinux2
+  lsscsi sg3-utils prometheus-node-exporter libhbalinux2 fcoe-utils
   clang-14 libfuzzer-14-dev
   python3-jsonschema graphviz
 )
@@ -29,6 +29,8 @@ echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 # Prometheus and the node exporter come as services; the tests start their
 # own on 127.0.0.1, so the machine's copies are neither started nor enabled.
+# fcoe-utils' FCoE monitor is not wanted either: the tests run only its
+# reading tools (fcoeadm, fcrls) on the simulated host.
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
   printf '#!/bin/sh\n# mirvak-hba install-deps: start no service while it installs\nexit 101\n' | $sudo tee "$policy" >/dev/null
@@ -37,11 +39,19 @@ if [ ! -e "$policy" ]; then
 fi
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# deb-systemd-helper acts only when it believes a package's maintainer
+# script called it.
+disable_units() {
+  local package=$1
+  shift
+  if command -v deb-systemd-helper >/dev/null; then
+    $sudo env DPKG_MAINTSCRIPT_PACKAGE="$package" DPKG_MAINTSCRIPT_NAME=postinst \
+      deb-systemd-helper disable "$@" >/dev/null 2>&1 || true
+  fi
+}
 for p in "${missing[@]}"; do
   case "$p" in
-    prometheus|prometheus-node-exporter)
-      if command -v deb-systemd-helper >/dev/null; then
-        $sudo deb-systemd-helper disable "$p.service" >/dev/null 2>&1 || true
-      fi ;;
+    prometheus|prometheus-node-exporter) disable_units "$p" "$p.service" ;;
+    fcoe-utils) disable_units "$p" fcoe-utils.service fcoemon.socket ;;
   esac
 done
