@@ -17,12 +17,12 @@
 //       scsi_host/hostH/{proc_name,unique_id,state,device->}
 //       rport-H:0-M/fc_remote_ports/rport-H:0-M/{port_name,node_name,
 //           port_id,port_state,roles,scsi_target_id,supported_classes,
-//           dev_loss_tmo,fast_io_fail_tmo,device->}
+//           dev_loss_tmo,fast_io_fail_tmo,maxframe_size,device->}
 //       rport-H:0-M/fc_remote_ports:rport-H:0-M -> fc_remote_ports/rport-H:0-M
 //       rport-H:0-M/targetH:0:T/H:0:T:L/{vendor,model,rev,type,state}
 //           .../H:0:T:L/scsi_device/H:0:T:L/
 //           .../H:0:T:L/scsi_generic/sgN/dev, generic -> scsi_generic/sgN
-//           .../H:0:T:L/block/sdX/{dev,size,ro,removable,device->}
+//           .../H:0:T:L/block/sdX/{dev,size,ro,removable,queue/,device->}
 //           .../H:0:T:L/block:sdX -> block/sdX   (unless block_link is false)
 //           .../H:0:T:L/block/size               (when block_dir)
 //   sys/devices/pci0000:00/0000:BB:DD.F/hostH -> the SCSI host's folder
@@ -40,8 +40,16 @@
 //       "over enpBsDfF"), sys/class/net/enpBsDfF, sys/bus/pci/devices/
 //       0000:BB:DD.F, sys/bus/pci/drivers/tuskstor/{0000:BB:DD.F,module->},
 //       sys/module/tuskstor/version
+//   sys/devices/pci0000:00/0000:BB:DD.F/net/enpBsDfF/ctlr_N/   (a physical
+//       port's FCoE controller){enabled,mode,fcf_dev_loss_tmo,r_a_tov,
+//       e_d_tov,fip_vlan_responder,lesb/,hostH->, fcf_M/{fabric_name,
+//       switch_name,mac,fc_map,vfid,priority,fka_period,selected,state,
+//       vlan_id,dev_loss_tmo}}, sys/bus/fcoe/{ctlr_create,ctlr_destroy,
+//       devices/{ctlr_N,fcf_M}->}; the class views of remote ports and SCSI
+//       devices link through .../ctlr_N/hostH/..., as the kernel's do
 //   etc/hba.conf
-//   sim/sg.json        (the SCSI device index, see sg_index.h)
+//   sim/sg.json        (the SCSI device index, see sg_index.h, with the
+//                       remote ports' bsg nodes)
 //   sim/sg.stamp       (the index's length and hashes)
 //
 // The kernel keeps the real folders in the device tree and makes the class

@@ -176,6 +176,55 @@ TEST_F(HostKernelShape, RemotePortTargetAndLunAttributes) {
     EXPECT_EQ(read("class/block/sdx/dev"), "65:112\n");
 }
 
+TEST_F(HostKernelShape, EachPhysicalPortHasAnFcoeControllerBelowItsNetworkDevice) {
+    sim::generate_host(sim::parse_fabric_text(sim::default_fabric_text(), "<default>"), root.string());
+    const std::string c0 = "devices/pci0000:00/0000:11:00.0/net/enp17s0f0/ctlr_0";
+    EXPECT_SAME(c0 + "/host0", "class/fc_host/host0/device");
+    EXPECT_SAME(c0, "bus/fcoe/devices/ctlr_0");
+    EXPECT_SAME(c0, "class/net/enp17s0f0/ctlr_0");
+    EXPECT_SAME(c0 + "/fcf_0", "bus/fcoe/devices/fcf_0");
+    EXPECT_SAME("class/net/enp17s0f1/ctlr_1/host1/vport-1:0-0/host2", "class/fc_host/host2/device");
+    EXPECT_SAME("class/net/enp20s0f0/ctlr_2/host4", "class/fc_host/host4/device");
+    EXPECT_SAME("class/net/enp20s0f1/ctlr_3/fcf_3", "bus/fcoe/devices/fcf_3");
+    EXPECT_EQ(names("bus/fcoe/devices"), (std::set<std::string>{"ctlr_0", "ctlr_1", "ctlr_2", "ctlr_3", "fcf_0",
+                                                                "fcf_1", "fcf_2", "fcf_3"}));
+    EXPECT_EQ(names("bus/fcoe"), (std::set<std::string>{"ctlr_create", "ctlr_destroy", "devices"}));
+    // Instance 4's port 2 has no fc_host, so no controller.
+    for (const std::string& n : names("class/net/enp20s0f2")) EXPECT_EQ(n.rfind("ctlr_", 0), std::string::npos) << n;
+
+    EXPECT_EQ(read(c0 + "/enabled"), "1\n");
+    EXPECT_EQ(read(c0 + "/mode"), "Fabric\n");
+    EXPECT_EQ(read(c0 + "/fcf_dev_loss_tmo"), "1800\n");
+    EXPECT_EQ(read(c0 + "/lesb/link_fail"), "0\n");
+    // FCF 33 of instance 1, which port 0 logged in through.
+    const fs::path f0 = "bus/fcoe/devices/fcf_0";
+    EXPECT_EQ(read(f0 / "fabric_name"), "0x1000001b9ef00021\n");
+    EXPECT_EQ(read(f0 / "switch_name"), "0x1000001b9ef00021\n");
+    EXPECT_EQ(read(f0 / "mac"), "00:1b:9e:f0:00:21\n");
+    EXPECT_EQ(read(f0 / "fc_map"), "0xefc00\n");
+    EXPECT_EQ(read(f0 / "vlan_id"), "101\n");
+    EXPECT_EQ(read(f0 / "selected"), "1\n");
+    EXPECT_EQ(read(f0 / "state"), "Connected\n");
+    EXPECT_EQ(read(f0 / "priority"), "128\n");
+    EXPECT_EQ(read(f0 / "fka_period"), "8\n");
+    EXPECT_EQ(read(f0 / "vfid"), "0\n");
+    EXPECT_EQ(read(f0 / "dev_loss_tmo"), "1800\n");
+    // Instance 4's port 1 is OFFLINE, on FCF 9 (VLAN 202).
+    EXPECT_EQ(read("bus/fcoe/devices/fcf_3/state"), "Disconnected\n");
+    EXPECT_EQ(read("bus/fcoe/devices/fcf_3/vlan_id"), "202\n");
+    EXPECT_EQ(read("bus/fcoe/devices/fcf_3/mac"), "00:1b:9e:f4:00:09\n");
+
+    // The class views name the devices through the controller.
+    EXPECT_EQ(link("class/fc_remote_ports/rport-0:0-0"),
+              "../../devices/pci0000:00/0000:11:00.0/net/enp17s0f0/ctlr_0/host0/rport-0:0-0/fc_remote_ports/rport-0:0-0");
+    EXPECT_EQ(link("class/scsi_device/2:0:0:0"),
+              "../../devices/pci0000:00/0000:11:00.1/net/enp17s0f1/ctlr_1/host1/vport-1:0-0/host2/rport-2:0-0/"
+              "target2:0:0/2:0:0:0/scsi_device/2:0:0:0");
+    EXPECT_SAME("class/scsi_device/2:0:0:0", "class/fc_host/host2/device/rport-2:0-0/target2:0:0/2:0:0:0/scsi_device/2:0:0:0");
+    EXPECT_EQ(read("class/fc_remote_ports/rport-1:0-0/maxframe_size"), "2048 bytes\n");  // FCF 34
+    EXPECT_EQ(read("block/sdb/queue/hw_sector_size"), "512\n");
+}
+
 TEST_F(HostKernelShape, RegeneratingLeavesNoStaleEntryInAnyView) {
     sim::Fabric f = sim::parse_fabric_text(sim::default_fabric_text(), "<default>");
     sim::generate_host(f, root.string());

@@ -36,6 +36,23 @@ TEST_F(HostRedirectLinks, ReadlinkGivesTheRelativeLinkText) {
               "../class/fc_host/host0/device/rport-0:0-0/target0:0:0/0:0:0:0/block/sdb");
 }
 
+// The text is followed by a NUL where the buffer has room; the byte count
+// stays the text's. A buffer just as long as the text gets no NUL.
+TEST_F(HostRedirectLinks, ReadlinkEndsARedirectedLinksTextWhereThereIsRoom) {
+    const std::string text = "../../../0000:12:00.0";
+    char buf[64];
+    std::memset(buf, 'x', sizeof buf);
+    const ssize_t n = readlink("/sys/class/net/enp18s0f0/device", buf, sizeof buf);
+    ASSERT_EQ(n, static_cast<ssize_t>(text.size())) << std::strerror(errno);
+    EXPECT_EQ(std::string(buf), text);
+    EXPECT_EQ(buf[n + 1], 'x');
+
+    std::memset(buf, 'x', sizeof buf);
+    ASSERT_EQ(readlink("/sys/class/net/enp18s0f0/device", buf, text.size()), static_cast<ssize_t>(text.size()));
+    EXPECT_EQ(std::string(buf, text.size()), text);
+    EXPECT_EQ(buf[text.size()], 'x');
+}
+
 TEST_F(HostRedirectLinks, RealpathResolvesInsideTheRootAndAnswersASystemPath) {
     char buf[PATH_MAX] = {};
     ASSERT_NE(realpath("/sys/bus/scsi/devices/0:0:0:1", buf), nullptr) << std::strerror(errno);
