@@ -23,7 +23,9 @@ const char* mirvak_sim_map_path(const char* path, char* buf, std::size_t size);
 // Simulated SCSI device nodes. With MIRVAK_SIM_ROOT set, open of a path that
 // ROOT/sim/sg.json lists ("/dev/" + a LUN's block device name, e.g.
 // "/dev/sdb", or its SCSI generic node, e.g. "/dev/sg1") gives a descriptor on which SG_GET_VERSION_NUM and SG_IO are
-// answered as the LUN would (see sim/FABRIC.md, "SCSI device nodes"). Every
+// answered as the LUN would (see sim/FABRIC.md, "SCSI device nodes"); a
+// remote port's bsg node that ROOT/sim/bsg.json lists ("/dev/bsg/rport-0:0-0")
+// answers SG_IO with an sg_io_v4 as the FC transport would. Every
 // SG_IO on such a descriptor is recorded, with the fields as the caller
 // passed them, so tests can check exactly what was sent.
 struct mirvak_simsg_request {

@@ -16,6 +16,10 @@
 //     ENOTTY. Descriptors that are not device nodes go to the real ioctl.
 //   - close forgets the descriptor.
 //
+// Remote ports' bsg nodes ("/dev/bsg/rport-H:0-M", listed in
+// ROOT/sim/bsg.json) open the same way; their SG_IO carries an sg_io_v4
+// that bsg_rport.h answers. Their requests are not recorded.
+//
 // The index's stamp (ROOT/sim/sg.stamp, rewritten with every index) is read
 // again at every open of a /dev path, and the index is read and parsed again
 // when the root or the stamp changed (without a stamp: at every open, parsed
@@ -77,7 +81,6 @@ struct State {
     // index without one) its text.
     std::string root, text, stamp;
     std::map<std::string, std::shared_ptr<const Device>> devices;
-    std::map<std::string, std::shared_ptr<const RemotePort>> rports;
     std::map<int, OpenNode> fds;
     std::deque<mirvak_simsg_request> requests;
     std::size_t request_count = 0;
@@ -130,23 +133,16 @@ bool refresh(State& s) {
         if (!read_file(std::string(root) + "/" + kIndexFile, text)) return false;
         if (s.root != root || !stamp.empty() || !s.stamp.empty() || s.text != text) {
             s.devices.clear();
-            s.rports.clear();
             try {
                 // The first entry for a path wins.
-                const nlohmann::json doc = nlohmann::json::parse(text);
-                for (Device& d : index_from_json(doc)) {
+                for (Device& d : index_from_json(nlohmann::json::parse(text))) {
                     const std::string key = d.path, generic = d.generic;
                     const auto device = std::make_shared<const Device>(std::move(d));
                     s.devices.emplace(key, device);
                     if (!generic.empty()) s.devices.emplace(generic, device);
                 }
-                for (RemotePort& r : rports_from_json(doc)) {
-                    const std::string key = r.path;
-                    s.rports.emplace(key, std::make_shared<const RemotePort>(std::move(r)));
-                }
             } catch (const std::exception&) {
                 s.devices.clear();  // an unreadable index simulates nothing
-                s.rports.clear();
             }
         }
         s.root = root;
@@ -166,8 +162,19 @@ OpenNode lookup(State& s, const char* path) {
         node.device = it->second;
         return node;
     }
-    const auto r = s.rports.find(path);
-    if (r != s.rports.end()) node.rport = r->second;
+    // The remote ports' nodes are few and opened seldom: their list is read
+    // at every open of one.
+    std::string text;
+    if (strncmp(path, "/dev/bsg/", 9) != 0 || !read_file(s.root + "/" + kBsgIndexFile, text)) return node;
+    try {
+        for (RemotePort& r : rports_from_json(nlohmann::json::parse(text)))
+            if (r.path == path) {
+                node.rport = std::make_shared<const RemotePort>(std::move(r));
+                break;
+            }
+    } catch (const std::exception&) {
+        node.rport = nullptr;  // an unreadable list simulates nothing
+    }
     return node;
 }
 

@@ -24,12 +24,14 @@
 //         "sg_version": 30527,         // SG_GET_VERSION_NUM's answer
 //         "no_device": false,          // open fails with ENOENT
 //         "target_luns": [0, 1, 3] }   // REPORT LUNS: every LUN of its target
-//     ],
-//     "rports": [                      // remote ports' bsg nodes (optional)
-//       { "path": "/dev/bsg/rport-0:0-0",
-//         "online": true }             // port_state Online: requests reach it
 //     ]
 //   }
+//
+// Beside it, ROOT/sim/bsg.json lists the remote ports' bsg nodes:
+//
+//   { "format": 1,
+//     "rports": [ { "path": "/dev/bsg/rport-0:0-0",
+//                   "online": true } ] }   // port_state Online: requests reach it
 //
 // Every device carries its own resolved values, so the reader needs no
 // knowledge of the fabric's defaults. Header-only: the redirector is also a
@@ -56,6 +58,7 @@ constexpr const char* kIndexFile = "sim/sg.json";
 // while the stamp stays. A tool that writes sg.json itself removes or
 // rewrites sg.stamp.
 constexpr const char* kStampFile = "sim/sg.stamp";
+constexpr const char* kBsgIndexFile = "sim/bsg.json";
 constexpr int kIndexFormat = 1;
 
 // What a block device's SG_GET_VERSION_NUM answers.
@@ -121,7 +124,7 @@ inline std::vector<uint8_t> parse_hex_bytes(const std::string& s) {
     return out;
 }
 
-inline nlohmann::json index_to_json(const std::vector<Device>& devices, const std::vector<RemotePort>& rports = {}) {
+inline nlohmann::json index_to_json(const std::vector<Device>& devices) {
     nlohmann::json list = nlohmann::json::array();
     for (const Device& d : devices) {
         nlohmann::json des = nlohmann::json::array();
@@ -147,9 +150,13 @@ inline nlohmann::json index_to_json(const std::vector<Device>& devices, const st
                         {"no_device", d.no_device},
                         {"target_luns", d.target_luns}});
     }
+    return {{"format", kIndexFormat}, {"devices", list}};
+}
+
+inline nlohmann::json rports_to_json(const std::vector<RemotePort>& rports) {
     nlohmann::json ports = nlohmann::json::array();
     for (const RemotePort& r : rports) ports.push_back({{"path", r.path}, {"online", r.online}});
-    return {{"format", kIndexFormat}, {"devices", list}, {"rports", ports}};
+    return {{"format", kIndexFormat}, {"rports", ports}};
 }
 
 // Throws (nlohmann::json exceptions or std::runtime_error) on anything that
@@ -187,11 +194,10 @@ inline std::vector<Device> index_from_json(const nlohmann::json& doc) {
     return out;
 }
 
-// The remote ports' nodes of an index (none when it lists none). Throws
-// like index_from_json.
+// The remote ports' nodes of sim/bsg.json. Throws like index_from_json.
 inline std::vector<RemotePort> rports_from_json(const nlohmann::json& doc) {
+    if (doc.at("format").get<int>() != kIndexFormat) throw std::runtime_error("unknown index format");
     std::vector<RemotePort> out;
-    if (!doc.contains("rports")) return out;
     for (const auto& j : doc.at("rports"))
         out.push_back({j.at("path").get<std::string>(), j.at("online").get<bool>()});
     return out;

@@ -48,8 +48,8 @@
 //       devices/{ctlr_N,fcf_M}->}; the class views of remote ports and SCSI
 //       devices link through .../ctlr_N/hostH/..., as the kernel's do
 //   etc/hba.conf
-//   sim/sg.json        (the SCSI device index, see sg_index.h, with the
-//                       remote ports' bsg nodes)
+//   sim/sg.json        (the SCSI device index, see sg_index.h)
+//   sim/bsg.json       (the remote ports' bsg nodes, likewise)
 //   sim/sg.stamp       (the index's length and hashes)
 //
 // The kernel keeps the real folders in the device tree and makes the class
@@ -312,7 +312,7 @@ struct ViewState {
     unsigned next_sg = 0;          // sgN, in the order LUNs are written
     unsigned next_extended = 0;    // minor numbers of major 259
     std::vector<sg::Device> index;
-    std::vector<sg::RemotePort> rports;  // their bsg nodes, for the same index
+    std::vector<sg::RemotePort> rports;  // the remote ports' bsg nodes
 };
 
 // A LUN of the target folder target_dir, which the kernel would place at
@@ -943,9 +943,10 @@ void write_scsi_view(const Fabric& f, const fs::path& base, const std::vector<Ho
 
     make_dirs(sg_dir);
     const std::string text =
-        sg::index_to_json(v.index, v.rports).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+        sg::index_to_json(v.index).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
     write_file(base / sg::kIndexFile, text);
     write_file(base / sg::kStampFile, index_stamp(text));
+    write_file(base / sg::kBsgIndexFile, sg::rports_to_json(v.rports).dump() + "\n");
 }
 
 }  // namespace
