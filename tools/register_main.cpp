@@ -108,7 +108,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer("Every other line, comment and blank line of the file is kept byte for byte. A file that is\n"
                "not in the front library's format (blank lines, '#' comments, a name and a path per line)\n"
-               "is refused and left as it is.\n"
+               "is refused and left as it is. add and remove hold a lock file beside the file\n"
+               "(.NAME.lock, flock) while they change it, so that runs at once lose no line.\n"
                "Exit status: 0 done (or nothing to do; for status: registered with PATH); 1 the file\n"
                "could not be read, parsed or written (nothing was written); 2 bad arguments;\n"
                "3 (status) not registered, or registered with another path.");
