@@ -303,19 +303,18 @@ void ConcurrentCallers::MakeRequests() {
         ASSERT_EQ(HBA_GetAdapterName(i, name), HBA_STATUS_OK);
         names_.emplace_back(name);
     }
-    Add("front library lists the adapters",
-                         [] {
-                             Answer a;
-                             const HBA_UINT32 count = HBA_GetNumberOfAdapters();
-                             a.put(count);
-                             for (HBA_UINT32 i = 0; i < count + 1; ++i) {
-                                 char name[256];
-                                 std::memset(name, kPattern, sizeof name);
-                                 a.put(HBA_GetAdapterName(i, name)).put(name, sizeof name);
-                             }
-                             return a.take();
-                         },
-                         true);
+    const auto list = [] {
+        Answer a;
+        const HBA_UINT32 count = HBA_GetNumberOfAdapters();
+        a.put(count);
+        for (HBA_UINT32 i = 0; i < count + 1; ++i) {
+            char name[256];
+            std::memset(name, kPattern, sizeof name);
+            a.put(HBA_GetAdapterName(i, name)).put(name, sizeof name);
+        }
+        return a.take();
+    };
+    Add("front library lists the adapters", list, true);
     for (HBA_UINT32 i = 0; i <= n; ++i) {
         Add("adapter name " + std::to_string(i), [i] {
             Answer a;

@@ -396,7 +396,8 @@ TEST_F(Register, ConcurrentAddsLoseNoLine) {
     for (int i = 0; i < 8; ++i) {
         const mv::hbaconf::FileLock lock(conf_.string());
         mv::hbaconf::Conf c = mv::hbaconf::parse(slurp(conf_));
-        const std::string line = "com.admin.added" + std::to_string(i) + "\t/opt/admin/lib" + std::to_string(i) + ".so\n";
+        const std::string n = std::to_string(i);
+        const std::string line = "com.admin.added" + n + "\t/opt/admin/lib" + n + ".so\n";
         c.lines.push_back(mv::hbaconf::Line{line, "", ""});
         added += line;
         mv::hbaconf::replace_file(conf_.string(), c.text());
