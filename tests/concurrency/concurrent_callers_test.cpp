@@ -153,9 +153,11 @@ protected:
     void AddFacadeRemotePorts(const std::string& name, HBA_UINT32 port);
     void AddFacadeLuns(const std::string& name, HBA_UINT32 port, const HBA_WWN& wwpn, const HBA_WWN& target);
     void RecordAlone();
-    // Runs `threads` threads over the requests; thread 0 runs `first`
-    // instead, again and again. Returns the mismatches found (at most a few
-    // described) and what was printed.
+    // Runs kThreads threads: thread 0 runs `first` again and again, the
+    // others the requests in turn (each from its own place in the list),
+    // each answer checked against the one made alone (either one made alone
+    // with either_state). The requests that differed go to failures_; a
+    // printed line that no request printed alone fails the test.
     void RunMixed(const std::function<void()>& first, bool either_state);
 
     std::unique_ptr<MvFCoEIni> fcoe_;
