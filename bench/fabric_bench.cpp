@@ -27,6 +27,18 @@
 //                        (Ours is called through its own entry point: the
 //                        front library routes no version 2 mapping to it.)
 //
+//   LockCost/REQUEST     GetFCoEAll, GetFCPTargetMapping and GetLunInfo as
+//                        above, each iteration once with the library's lock
+//                        and once without it (its test-only switch), in
+//                        turn, the order swapped every iteration (after one
+//                        untimed call; the snapshot of the systems with
+//                        over a hundred local ports four times, the others
+//                        for at least 2 s); counters
+//                        locked_ms and unlocked_ms (thread CPU time per
+//                        call), their wall-time twins locked_wall_ms and
+//                        unlocked_wall_ms, and cost_pct, what the lock adds
+//                        in CPU time, in percent.
+//
 // Counters, per call: drv_calls (driver library operations,
 // tusksim_call_total), files, dirs and lookups (paths the redirector mapped
 // into the simulated host: files opened, directories opened, other look-ups
@@ -45,7 +57,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <time.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +72,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/entry_lock.h"
 #include "mirvak/fcp_mapping.h"
 #include "mirvak/hba_plugin.h"
 #include "mirvak/mgmt_records.h"
@@ -416,6 +432,79 @@ void BM_GetLunInfo(benchmark::State& st, std::size_t size) {
     st.counters["luns"] = static_cast<double>(length / sizeof(lun_info));
 }
 
+// One request for LockCost, made once; false when it failed.
+bool snapshot_once(World& w) {
+    unsigned int length = 0;
+    void* snapshot = w.facade().GetFCoEAll(nullptr, &length);
+    std::free(snapshot);
+    return snapshot != nullptr;
+}
+
+bool mapping_once(World& w) {
+    std::memset(w.mapping(), 0, sizeof(uint32_t));
+    return GetFCPTargetMapping(w.handle(), w.mapping(), 1, w.mapping_port()) == 0;
+}
+
+bool lun_info_once(World& w) {
+    char* luns = nullptr;
+    unsigned int length = 0;
+    const int status = w.facade().GetLunInfo(&w.lun_key(), &luns, &length);
+    std::free(luns);
+    return status == FCOE_OK;
+}
+
+double thread_cpu_ms() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
+}
+
+double wall_ms() {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// The request with and without the library's lock, in turn within each
+// iteration (the order swapped every time), so that whatever else the
+// machine does falls on both alike.
+void BM_LockCost(benchmark::State& st, std::size_t size, bool (*once)(World&)) {
+    World* const world_of_size = world(st, size);
+    if (world_of_size == nullptr) return;
+    World& w = *world_of_size;
+    double cpu[2] = {0, 0}, wall[2] = {0, 0};  // [0] without the lock, [1] with it
+    bool locked_first = true;
+    {
+        Quiet quiet;
+        // Once untimed first: the first request on a fresh tree pays for
+        // the kernel's caches.
+        if (!once(w)) {
+            st.SkipWithError("the request failed");
+            return;
+        }
+        for (auto _ : st) {
+            for (int k = 0; k < 2; ++k) {
+                const bool locked = (k == 0) == locked_first;
+                mv::set_entry_lock_enabled_for_tests(locked);
+                const double c0 = thread_cpu_ms(), w0 = wall_ms();
+                const bool ok = once(w);
+                cpu[locked] += thread_cpu_ms() - c0;
+                wall[locked] += wall_ms() - w0;
+                mv::set_entry_lock_enabled_for_tests(true);
+                if (!ok) {
+                    st.SkipWithError("the request failed");
+                    return;
+                }
+            }
+            locked_first = !locked_first;
+        }
+    }
+    const double n = static_cast<double>(st.iterations());
+    st.counters["locked_ms"] = cpu[1] / n;
+    st.counters["unlocked_ms"] = cpu[0] / n;
+    st.counters["locked_wall_ms"] = wall[1] / n;
+    st.counters["unlocked_wall_ms"] = wall[0] / n;
+    st.counters["cost_pct"] = cpu[0] > 0 ? (cpu[1] / cpu[0] - 1) * 100 : 0.0;
+}
+
 void BM_DistributionFCPTargetMapping(benchmark::State& st, std::size_t size) {
     World* const world_of_size = world(st, size);
     if (world_of_size == nullptr) return;
@@ -465,6 +554,14 @@ public:
             m.ms = first ? r.GetAdjustedRealTime() : std::min(m.ms, r.GetAdjustedRealTime());
             m.cpu_ms = first ? r.GetAdjustedCPUTime() : std::min(m.cpu_ms, r.GetAdjustedCPUTime());
             m.opened = counter("files") + counter("dirs");
+            if (r.run_name.function_name.rfind("LockCost/", 0) == 0) {
+                LockCost& c = lock_costs_[r.run_name.function_name];
+                c.locked = counter("locked_ms");
+                c.unlocked = counter("unlocked_ms");
+                c.locked_wall = counter("locked_wall_ms");
+                c.unlocked_wall = counter("unlocked_wall_ms");
+                c.iterations = r.iterations;
+            }
         }
     }
 
@@ -524,9 +621,34 @@ public:
                          "(through the front library) against ours, measured in this run (wall; CPU in brackets):\n"
                          "%-8s %10s %10s %16s %9s %9s\n%s",
                          "shape", "ours ms", "distr. ms", "distr./ours", "ours opn", "distr opn", mappings.c_str());
+        print_lock_costs(out);
     }
 
 private:
+    // What the lock adds to each request, measured in this run.
+    void print_lock_costs(std::FILE* out) const {
+        if (lock_costs_.empty()) return;
+        std::fprintf(out,
+                     "\nThe library's lock: each request with and without it, in turn, in this run (CPU ms per\n"
+                     "call; wall ms in brackets; cost: what the lock adds, in CPU time):\n"
+                     "%-36s %6s %20s %20s %8s\n",
+                     "request", "iter", "locked ms", "unlocked ms", "cost");
+        for (const Size& size : kSizes) {
+            for (const char* request : {"GetFCoEAll", "GetFCPTargetMapping", "GetLunInfo"}) {
+                const auto it = lock_costs_.find(std::string("LockCost/") + request + "/" + size.name);
+                if (it == lock_costs_.end()) continue;
+                const LockCost& c = it->second;
+                std::fprintf(out, "%-36s %6lld %9.3f (%8.3f) %9.3f (%8.3f) %+7.2f%%\n", it->first.c_str() + 9,
+                             static_cast<long long>(c.iterations), c.locked, c.locked_wall, c.unlocked,
+                             c.unlocked_wall, c.unlocked > 0 ? (c.locked / c.unlocked - 1) * 100 : 0.0);
+            }
+        }
+    }
+    struct LockCost {
+        double locked = 0, unlocked = 0, locked_wall = 0, unlocked_wall = 0;
+        int64_t iterations = 0;
+    };
+    std::map<std::string, LockCost> lock_costs_;
     struct Measured {
         double ms = 0;
         double cpu_ms = 0;
@@ -567,6 +689,17 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark(("DistributionFCPTargetMapping/" + n).c_str(), BM_DistributionFCPTargetMapping, s)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
+        const std::pair<const char*, bool (*)(World&)> lock_costs[] = {
+            {"GetFCoEAll", snapshot_once}, {"GetFCPTargetMapping", mapping_once}, {"GetLunInfo", lun_info_once}};
+        for (const auto& [request, once] : lock_costs) {
+            auto* b = benchmark::RegisterBenchmark(("LockCost/" + std::string(request) + "/" + n).c_str(), BM_LockCost,
+                                                   s, once);
+            b->Unit(benchmark::kMillisecond)->UseRealTime();
+            // The snapshot of the systems with over a hundred local ports
+            // takes seconds: four rounds, each order twice.
+            if (once == snapshot_once && c.physical_ports + c.virtual_ports > 100) b->Iterations(4);
+            else b->MinTime(2.0);
+        }
     }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

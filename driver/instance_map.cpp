@@ -1,4 +1,5 @@
 // The adapter instance map and the small byte and text helpers.
+#include "driver/entry_lock.h"
 #include "mirvak/instance_map.h"
 
 #include <cctype>
@@ -39,6 +40,7 @@ bool probe_instance(uint32_t instance, uint32_t* handle_out) {
 }  // namespace mv
 
 void getMapping() {
+    const mv::EntryLock entry_lock;
     if (InstanceMap == nullptr) return;  // not loaded: nothing to rebuild
     // Entries past the new count are not cleared: they keep what an earlier
     // mapping left in them.
@@ -57,6 +59,7 @@ void getMapping() {
 }
 
 int getActualDeviceInstance(uint32_t index) {
+    const mv::EntryLock entry_lock;
     const adapter_instance* map = mv::map_entries();
     for (uint32_t i = 0; i < kMaxInstances; ++i) {
         if (map[i].index == index) return static_cast<int>(map[i].instance);
@@ -65,6 +68,7 @@ int getActualDeviceInstance(uint32_t index) {
 }
 
 int getActualDeviceInstance_by_adapName(const char* name) {
+    const mv::EntryLock entry_lock;
     const adapter_instance* map = mv::map_entries();
     for (uint32_t i = 0; i < kMaxInstances; ++i) {
         char entry[sizeof map[i].name + 1] = {};
@@ -75,6 +79,7 @@ int getActualDeviceInstance_by_adapName(const char* name) {
 }
 
 int getAssignedInstance(const char* name) {
+    const mv::EntryLock entry_lock;
     if (name == nullptr) return -1;
     const adapter_instance* map = mv::map_entries();
     for (uint32_t i = 0; i < kMaxInstances; ++i) {
@@ -110,6 +115,7 @@ unsigned long charArrayToLong(const unsigned char* bytes) {
 }
 
 void ConvertWWNtoString(const unsigned char* bytes, int count, int group, char* buffer) {
+    const mv::EntryLock entry_lock;
     // Each byte is written over the start of the buffer, so it ends holding
     // only the last byte's two digits, and the group spaces go to standard
     // output. The target-mapping code compares WWNs through this and relies

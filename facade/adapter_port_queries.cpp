@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "facade/request.h"
 #include "mirvak/instance_map.h"
 #include "mirvak/mgmt.h"
@@ -36,6 +37,7 @@ void fill_port(port_info& rec, const AdapterName& name, uint32_t port, const HBA
 }  // namespace
 
 int MvFCoEIni::GetFCoEAdapters(void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     // Zeroed once for all adapters, as the name and attribute readers leave
     // the bytes they do not write.
@@ -76,6 +78,7 @@ int MvFCoEIni::GetFCoEAdapters(void* buf, unsigned int* size) {
 }
 
 int MvFCoEIni::GetFCoEAdapterStats(const char* adapter, void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(adapter, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     // Allocated, not on the stack; its allocation failure answers 1, not 2.
     // (It is released on every path, including a failed open.)
@@ -97,6 +100,7 @@ int MvFCoEIni::GetFCoEAdapterStats(const char* adapter, void* buf, unsigned int*
 }
 
 int MvFCoEIni::GetAllPortsInfo(port_info* key, void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     HBA_ADAPTERATTRIBUTES attr;
     std::memset(&attr, 0, sizeof attr);
@@ -135,6 +139,7 @@ int MvFCoEIni::GetAllPortsInfo(port_info* key, void* buf, unsigned int* size) {
 }
 
 int MvFCoEIni::GetPortInfo(port_info* key, void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     HBA_ADAPTERATTRIBUTES adapter;
     std::memset(&adapter, 0, sizeof adapter);
@@ -195,6 +200,7 @@ int MvFCoEIni::GetPortInfo(port_info* key, void* buf, unsigned int* size) {
 }
 
 int MvFCoEIni::GetPortStatistics(port_info* key, void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     Request req(key->adapter_name);
     if (!req.opened()) return FCOE_ERR_ADAPTER_OPEN;

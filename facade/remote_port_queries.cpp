@@ -3,6 +3,7 @@
 // statistics, reached from a physical port or from a virtual port.
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "facade/request.h"
 #include "facade/virtual_ports.h"
 #include "mirvak/mgmt.h"
@@ -23,6 +24,7 @@ void put_name(const Request& req, port_stats& stats) { req.name().put(reinterpre
 }  // namespace
 
 int MvFCoEIni::GetRemotePortInfo(port_info* key, char** buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     // Both ways answer into the block *buf already points to.
     if (any_null(key, buf, size) || *buf == nullptr) return FCOE_ERR_BAD_ARGUMENT;
     Request req(key->adapter_name);
@@ -74,6 +76,7 @@ int MvFCoEIni::GetRemotePortInfo(port_info* key, char** buf, unsigned int* size)
 }
 
 int MvFCoEIni::GetRemotePortStatistics(vport_in* key, void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     Request req(key->adapter_name);
     if (!req.opened()) return FCOE_ERR_ADAPTER_OPEN;
@@ -97,6 +100,7 @@ int MvFCoEIni::GetRemotePortStatistics(vport_in* key, void* buf, unsigned int* s
 }
 
 int MvFCoEIni::GetRPortForVPort(vport_in* key, char** buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     port_info local;
     std::memset(&local, 0, sizeof local);
@@ -151,6 +155,7 @@ int MvFCoEIni::GetRPortForVPort(vport_in* key, char** buf, unsigned int* size) {
 }
 
 int MvFCoEIni::GetVirRemotePortStatistics(vport_in* key, void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     port_info local;
     std::memset(&local, 0, sizeof local);

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <thread>
 
+#include "driver/entry_lock.h"
 #include "facade/request.h"
 #include "facade/virtual_ports.h"
 #include "host/sysfs_view.h"
@@ -437,6 +438,7 @@ bool AdapterWalk::virtual_port(uint32_t p, const port_info& local, port_info& li
 }  // namespace
 
 void* MvFCoEIni::GetFCoEAll(void*, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (size == nullptr) return nullptr;
     // The walk asks for the same sysfs files and listings over and over
     // (every remote port's LUN queries scan the fc_host tree from the top):

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "facade/request.h"
 #include "facade/virtual_ports.h"
 #include "host/sysfs_view.h"
@@ -61,6 +62,7 @@ int create_or_delete(const char* adapter, HBA_UINT16 op, unsigned char* a, unsig
 }  // namespace
 
 int MvFCoEIni::GetVirPortForPort(port_info* key, char** buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     port_info local;
     std::memset(&local, 0, sizeof local);
@@ -103,6 +105,7 @@ int MvFCoEIni::GetVirPortForPort(port_info* key, char** buf, unsigned int* size)
 }
 
 int MvFCoEIni::GetVirPortStatistics(vport_in* key, void* buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     port_info local;
     std::memset(&local, 0, sizeof local);
@@ -139,6 +142,7 @@ int MvFCoEIni::GetVirPortStatistics(vport_in* key, void* buf, unsigned int* size
 }
 
 int MvFCoEIni::GetVPortLunInfo(vport_in* key, char** buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     mv::host::SysfsRequest sysfs;  // each sysfs file read once in this request
     Request req(key->adapter_name);
@@ -191,6 +195,7 @@ int MvFCoEIni::GetVPortLunInfo(vport_in* key, char** buf, unsigned int* size) {
 }
 
 int MvFCoEIni::GetLunInfo(vport_in* key, char** buf, unsigned int* size) {
+    const mv::EntryLock entry_lock;
     if (any_null(key, buf, size)) return FCOE_ERR_BAD_ARGUMENT;
     mv::host::SysfsRequest sysfs;  // each sysfs file read once in this request
     Request req(key->adapter_name);
@@ -210,10 +215,12 @@ int MvFCoEIni::GetLunInfo(vport_in* key, char** buf, unsigned int* size) {
 
 int MvFCoEIni::CreateNPIV(const char* adapter, unsigned char* a, unsigned char* b, unsigned char* c,
                           unsigned char* d) {
+    const mv::EntryLock entry_lock;
     return create_or_delete(adapter, 0, a, b, c, d);
 }
 
 int MvFCoEIni::DeleteNPIV(const char* adapter, unsigned char* a, unsigned char* b, unsigned char* c,
                           unsigned char* d) {
+    const mv::EntryLock entry_lock;
     return create_or_delete(adapter, 1, a, b, c, d);
 }

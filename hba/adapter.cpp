@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "driver/instance_map_internal.h"
 #include "driver/walks.h"
 #include "mirvak/driver_records.h"
@@ -25,6 +26,7 @@ void copy_text(char (&dst)[M], const char (&src)[N]) {
 extern "C" {
 
 HBA_UINT32 mirvak_GetNumberOfAdapters(void) {
+    const mv::EntryLock entry_lock;
     // Probes on its own; the instance map is neither read nor changed.
     HBA_UINT32 count = 0;
     for (uint32_t i = 0; i < kMaxInstances; ++i) {
@@ -34,6 +36,7 @@ HBA_UINT32 mirvak_GetNumberOfAdapters(void) {
 }
 
 HBA_STATUS mirvak_GetAdapterName(HBA_UINT32 index, char* name) {
+    const mv::EntryLock entry_lock;
     getMapping();
     // Index 32 is accepted on purpose and reads the map's spare, always empty
     // entry; the index is not compared with adapCnt, so an unused entry
@@ -47,6 +50,7 @@ HBA_STATUS mirvak_GetAdapterName(HBA_UINT32 index, char* name) {
 }
 
 HBA_STATUS mirvak_GetAdapterAttributes(HBA_HANDLE handle, HBA_ADAPTERATTRIBUTES* attr) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return static_cast<HBA_STATUS>(-1);
     hw_info hw;
     std::memset(&hw, 0, sizeof hw);

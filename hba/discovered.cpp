@@ -2,6 +2,7 @@
 // port, and the search of a port WWN among the local ports and targets.
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
 #include "mirvak/hba_plugin.h"
@@ -19,6 +20,7 @@ extern "C" {
 
 HBA_STATUS mirvak_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, HBA_UINT32 target,
                                               HBA_PORTATTRIBUTES* attr) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return static_cast<HBA_STATUS>(-1);
     lnode_info node;
     rnode_info remote;
@@ -60,6 +62,7 @@ HBA_STATUS mirvak_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port
 }
 
 HBA_STATUS mirvak_GetPortAttributesByWWN(HBA_HANDLE handle, HBA_WWN wwn, HBA_PORTATTRIBUTES* attr) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return static_cast<HBA_STATUS>(-1);
     // Both counters are raised before use, so the indexes handed on count
     // from 1 where the called functions count from 0, and the target

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
 #include "host/sysfs_view.h"
@@ -63,6 +64,7 @@ int fill_speed(uint32_t handle, const lnode_info& node, HBA_PORTATTRIBUTES& a) {
 extern "C" {
 
 HBA_STATUS mirvak_GetAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 index, HBA_PORTATTRIBUTES* attr) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return static_cast<HBA_STATUS>(-1);
     lnode_info node;
     bool filled = false;
@@ -101,6 +103,7 @@ HBA_STATUS mirvak_GetAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 index, 
 }
 
 HBA_STATUS mirvak_GetAllAdapterPortsAttributes(HBA_HANDLE handle, HBA_PORTATTRIBUTES* attrs, HBA_UINT32 count) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return static_cast<HBA_STATUS>(-1);
     // One FCF cursor for all ports: each port's FCF walk goes on from where
     // the previous port's stopped.
@@ -137,6 +140,7 @@ HBA_STATUS mirvak_GetAllAdapterPortsAttributes(HBA_HANDLE handle, HBA_PORTATTRIB
 }
 
 HBA_UINT32 mirvak_GetNumTargets(HBA_HANDLE handle, HBA_UINT32 index) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return static_cast<HBA_UINT32>(-1);
     HBA_UINT32 targets = 0;
     lnode_info node;
@@ -158,6 +162,7 @@ HBA_UINT32 mirvak_GetNumTargets(HBA_HANDLE handle, HBA_UINT32 index) {
 }  // extern "C"
 
 int GetNumLnodes(HBA_HANDLE handle, uint16_t) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return -1;
     int count = 0;
     lnode_info node;
@@ -166,6 +171,7 @@ int GetNumLnodes(HBA_HANDLE handle, uint16_t) {
 }
 
 int get_path_for_pwwn(const unsigned char* wwn, char* out) {
+    const mv::EntryLock entry_lock;
     char key[19];
     std::snprintf(key, sizeof key, "0x%02x%02x%02x%02x%02x%02x%02x%02x", wwn[0], wwn[1], wwn[2], wwn[3], wwn[4],
                   wwn[5], wwn[6], wwn[7]);

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "mirvak/hba_plugin.h"
 #include "mirvak/fcp_mapping.h"
 #include "mirvak/instance_map.h"
@@ -60,6 +61,7 @@ HBA_STATUS HBA_RegisterLibraryV2(HBA_ENTRYPOINTSV2* table) {
 HBA_UINT32 mirvak_GetVersion(void) { return 2; }
 
 HBA_STATUS mirvak_LoadLibrary(void) {
+    const mv::EntryLock entry_lock;
     // A second load without a free replaces the map; the old one is released
     // rather than leaked.
     std::free(InstanceMap);
@@ -69,6 +71,7 @@ HBA_STATUS mirvak_LoadLibrary(void) {
 }
 
 HBA_STATUS mirvak_FreeLibrary(void) {
+    const mv::EntryLock entry_lock;
     if (InstanceMap != nullptr) {
         std::free(InstanceMap);
         // Cleared so that a call after the free finds no map instead of
@@ -78,9 +81,15 @@ HBA_STATUS mirvak_FreeLibrary(void) {
     return HBA_STATUS_OK;
 }
 
-HBA_HANDLE mirvak_OpenAdapter(const char* name) { return open_adapter_str(name); }
+HBA_HANDLE mirvak_OpenAdapter(const char* name) {
+    const mv::EntryLock entry_lock;
+    return open_adapter_str(name);
+}
 
-HBA_STATUS mirvak_CloseAdapter(HBA_HANDLE handle) { return static_cast<HBA_STATUS>(close_adapter(handle)); }
+HBA_STATUS mirvak_CloseAdapter(HBA_HANDLE handle) {
+    const mv::EntryLock entry_lock;
+    return static_cast<HBA_STATUS>(close_adapter(handle));
+}
 
 void mirvak_RefreshInformation(HBA_HANDLE) {}
 

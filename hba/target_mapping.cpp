@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "driver/entry_lock.h"
 #include "driver/walks.h"
 #include "hba/luid.h"
 #include "host/sysfs_view.h"
@@ -130,6 +131,7 @@ bool read_luid(const char* device, uint8_t (&luid)[mv::kLuidSize]) {
 }  // namespace
 
 int GetFCPTargetMapping(HBA_HANDLE handle, void* mapping, int version, HBA_WWN port_wwn) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return -1;
     mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     const bool v1 = version == kVersion1;
@@ -186,12 +188,14 @@ int GetFCPTargetMapping(HBA_HANDLE handle, void* mapping, int version, HBA_WWN p
 extern "C" {
 
 HBA_STATUS mirvak_GetFCPTargetMappingv1(HBA_HANDLE handle, MV_FCPTARGETMAPPING* mapping) {
+    const mv::EntryLock entry_lock;
     HBA_WWN unused;
     std::memset(&unused, 0, sizeof unused);
     return static_cast<HBA_STATUS>(GetFCPTargetMapping(handle, mapping, kVersion1, unused));
 }
 
 HBA_STATUS mirvak_GetFCPTargetMappingv2(HBA_HANDLE handle, HBA_WWN port_wwn, MV_FCPTARGETMAPPINGV2* mapping) {
+    const mv::EntryLock entry_lock;
     return static_cast<HBA_STATUS>(GetFCPTargetMapping(handle, mapping, 1, port_wwn));
 }
 
@@ -199,6 +203,7 @@ HBA_STATUS mirvak_GetFCPTargetMappingv2(HBA_HANDLE handle, HBA_WWN port_wwn, MV_
 
 int GetDeviceFromFCPLunOrPortWWN(HBA_HANDLE handle, HBA_UINT64 fcp_lun, HBA_UINT32, HBA_WWN port_wwn, HBA_WWN,
                                  char* out, HBA_UINT32 first) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return -1;
     mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     // Every port that matches is searched (not only the first), and the

@@ -22,6 +22,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "driver/entry_lock.h"
 #include "host/sysfs_read.h"
 #include "host/sysfs_view.h"
 #include "mirvak/host_view.h"
@@ -365,12 +366,14 @@ void LunWalk::walk_lun(const Path& target, const char* entry) {
 }  // namespace
 
 unsigned long getNumLuns(unsigned long local, unsigned long remote) {
+    const mv::EntryLock entry_lock;
     LunWalk walk(Keep::Count, local, remote);
     walk.run();
     return walk.blocks();
 }
 
 void getLuninfo(lun_info* luns, unsigned long local, unsigned long remote, std::size_t capacity) {
+    const mv::EntryLock entry_lock;
     LunWalk walk(Keep::Fill, local, remote);
     walk.fill_into(luns, capacity);
     walk.run();
@@ -383,6 +386,7 @@ std::size_t mv::count_luns_quietly(unsigned long local, unsigned long remote) {
 }
 
 void getLuninfo(lun_info* luns, unsigned long local, unsigned long remote) {
+    const mv::EntryLock entry_lock;
     // Callers size the array with getNumLuns, which counts block links,
     // while every LUN directory takes a record: a LUN without a block device
     // would take one more record than there is room for. Count again,
@@ -391,6 +395,7 @@ void getLuninfo(lun_info* luns, unsigned long local, unsigned long remote) {
 }
 
 void getVportLuninfo(lun_info** result, unsigned long local, unsigned long remote, unsigned int* count) {
+    const mv::EntryLock entry_lock;
     LunWalk walk(Keep::Grow, local, remote);
     walk.run();
     const std::size_t n = walk.records();

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "mirvak/fcp_mapping.h"
 #include "mirvak/hba_plugin.h"
 
@@ -97,6 +98,7 @@ extern "C" {
 
 HBA_STATUS mirvak_issue_inquiry(const char* path, HBA_UINT8 evpd, HBA_UINT32 page, HBA_UINT64, void* rsp,
                                 HBA_UINT32* rsp_size, void* sense, HBA_UINT32* sense_size) {
+    const mv::EntryLock entry_lock;
     Descriptor dev(path);
     if (!dev.ok()) {
         std::perror("Error occured while opening the device ->");
@@ -126,6 +128,7 @@ HBA_STATUS mirvak_issue_inquiry(const char* path, HBA_UINT8 evpd, HBA_UINT32 pag
 HBA_STATUS mirvak_SendScsiInquiry(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64 fcp_lun, HBA_UINT8 evpd,
                                   HBA_UINT32 page, void* rsp, HBA_UINT32 rsp_size, void* sense,
                                   HBA_UINT32 sense_size) {
+    const mv::EntryLock entry_lock;
     char path[kPathBuffer];
     if (int s = look_up(handle, fcp_lun, port_wwn, 0, path)) return static_cast<HBA_STATUS>(s);
     return mirvak_issue_inquiry(path, evpd, page, fcp_lun, rsp, &rsp_size, sense, &sense_size);
@@ -133,6 +136,7 @@ HBA_STATUS mirvak_SendScsiInquiry(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT6
 
 HBA_STATUS mirvak_SendReportLUNs(HBA_HANDLE handle, HBA_WWN port_wwn, void* rsp, HBA_UINT32 rsp_size, void* sense,
                                  HBA_UINT32 sense_size) {
+    const mv::EntryLock entry_lock;
     std::memset(rsp, 0, rsp_size);
     unsigned char cdb[12] = {0xA0};
     put_be32(&cdb[6], rsp_size);
@@ -155,6 +159,7 @@ HBA_STATUS mirvak_SendReportLUNs(HBA_HANDLE handle, HBA_WWN port_wwn, void* rsp,
 
 HBA_STATUS mirvak_SendReadCapacity(HBA_HANDLE handle, HBA_WWN port_wwn, HBA_UINT64, void*, HBA_UINT32, void*,
                                    HBA_UINT32) {
+    const mv::EntryLock entry_lock;
     unsigned char cdb[16] = {0x9E, 0x10};
     put_be32(&cdb[10], kCapacityTransfer);
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "host/sysfs_read.h"
 #include "host/sysfs_view.h"
 #include "mirvak/host_view.h"
@@ -44,6 +45,7 @@ char* str_cat(const char* head, const char* tail) {
 }
 
 int read_string(const char* path, char* out) {
+    const mv::EntryLock entry_lock;
     char line[kStringLine];
     std::memset(line, 0, sizeof line);
     std::FILE* f = nullptr;
@@ -147,8 +149,12 @@ int read_proc_text(const char* path, unsigned long* out, int base, bool quiet) {
 
 }  // namespace mv
 
-unsigned long read_val(const char* path) { return mv::read_val_text(path, false); }
+unsigned long read_val(const char* path) {
+    const mv::EntryLock entry_lock;
+    return mv::read_val_text(path, false);
+}
 
 int read_proc(const char* path, unsigned long* out, int base) {
+    const mv::EntryLock entry_lock;
     return mv::read_proc_text(path, out, base, false);
 }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -127,9 +128,11 @@ public:
     std::unique_ptr<ViewMemo> memo;
 };
 
-View* g_view = nullptr;
-int g_requests = 0;  // SysfsRequest objects alive (nested ones included)
-bool g_enabled = true;
+// Each thread's own: a request's view belongs to the thread that runs it,
+// and a request opened inside another on the same thread joins it.
+thread_local View* g_view = nullptr;
+thread_local int g_requests = 0;  // SysfsRequest objects alive on this thread (nested ones included)
+std::atomic<bool> g_enabled{true};
 
 }  // namespace
 
@@ -154,7 +157,7 @@ ssize_t FileBytes::read(void* buf, std::size_t n) const {
 }
 
 SysfsRequest::SysfsRequest() {
-    if (g_requests++ == 0 && g_enabled) g_view = new (std::nothrow) View;
+    if (g_requests++ == 0 && g_enabled.load(std::memory_order_relaxed)) g_view = new (std::nothrow) View;
 }
 
 SysfsRequest::~SysfsRequest() {
@@ -254,6 +257,6 @@ void File::close() {
     fd_ = -1;
 }
 
-void set_view_enabled_for_tests(bool enabled) { g_enabled = enabled; }
+void set_view_enabled_for_tests(bool enabled) { g_enabled.store(enabled, std::memory_order_relaxed); }
 
 }  // namespace mv::host

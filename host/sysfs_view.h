@@ -14,8 +14,9 @@
 // request open, Directory and the readers in sysfs.cpp go to the kernel on
 // every call, as they always have.
 //
-// No locking: like the rest of the library, the view belongs to the one
-// thread that runs the request (callers serialise their calls).
+// The view belongs to the thread that runs the request: each thread has its
+// own (and the library's entry lock, driver/entry_lock.h, lets one request
+// run at a time), so a request never sees another's answers.
 #ifndef MIRVAK_HOST_SYSFS_VIEW_H
 #define MIRVAK_HOST_SYSFS_VIEW_H
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
 #include "mgmt/local_port.h"
@@ -71,6 +72,7 @@ HBA_UINT32 fill_port(HBA_HANDLE handle, const mv::PortKey& key, port_info& info)
 }  // namespace
 
 HBA_UINT32 mirvak_GetKXAdapterAttributes(HBA_HANDLE handle, adapter_info* info) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     hw_info hw;
     std::memset(&hw, 0, sizeof hw);
@@ -90,6 +92,7 @@ HBA_UINT32 mirvak_GetKXAdapterAttributes(HBA_HANDLE handle, adapter_info* info) 
 }
 
 HBA_UINT32 mirvak_GetKXAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, port_info* info) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     mv::PortKey key;
     key.position = port;
@@ -97,12 +100,14 @@ HBA_UINT32 mirvak_GetKXAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 port,
 }
 
 HBA_UINT32 mirvak_GetKXAdapterPortAttributes_by_wwpn(HBA_HANDLE handle, const port_info* key, port_info* info) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     // The key is read whole before anything is written: it may be *info.
     return fill_port(handle, mv::key_of(*key), *info);
 }
 
 HBA_UINT32 mirvak_GetNumTargets_by_wwpn(HBA_HANDLE handle, const port_info* key) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     lnode_info node;
     std::memset(&node, 0, sizeof node);
@@ -123,5 +128,6 @@ HBA_UINT32 mirvak_GetNumTargets_by_wwpn(HBA_HANDLE handle, const port_info* key)
 }
 
 HBA_UINT32 get_path_for_KXpwwn(const unsigned char* wwn, char* out) {
+    const mv::EntryLock entry_lock;
     return get_path_for_pwwn(wwn, out) == 0 ? 0u : 0xFFFFFFFFu;
 }

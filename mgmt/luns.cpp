@@ -9,6 +9,7 @@
 #include <new>
 #include <vector>
 
+#include "driver/entry_lock.h"
 #include "driver/walks.h"
 #include "host/lun_count.h"
 #include "host/sysfs_view.h"
@@ -69,6 +70,7 @@ LunSearch search_luns(HBA_HANDLE handle, const vport_in& key, Announce&& announc
 }  // namespace
 
 HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info* luns, int*) {
+    const mv::EntryLock entry_lock;
     return mv::kx_lun_info(handle, key, luns, SIZE_MAX);
 }
 
@@ -133,6 +135,7 @@ HBA_UINT32 mv::kx_lun_info(HBA_HANDLE handle, const vport_in* key, lun_info* lun
 }
 
 HBA_UINT32 mirvak_GetKXLunCount(HBA_HANDLE handle, const vport_in* key, int* count) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     if (both_wwns_given(*key)) {
@@ -152,6 +155,7 @@ HBA_UINT32 mirvak_GetKXLunCount(HBA_HANDLE handle, const vport_in* key, int* cou
 
 HBA_UINT32 mirvak_GetKXVPortLunInfo_by_wwn(HBA_HANDLE, const unsigned char* local, const unsigned char* remote,
                                            lun_info** luns, unsigned int* count) {
+    const mv::EntryLock entry_lock;
     mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
     unsigned int found = 0;
     getVportLuninfo(luns, charArrayToLong(local), charArrayToLong(remote), &found);
@@ -162,6 +166,7 @@ HBA_UINT32 mirvak_GetKXVPortLunInfo_by_wwn(HBA_HANDLE, const unsigned char* loca
 // Kept as a placeholder: the facade calls it and relies on an empty answer.
 HBA_UINT32 mirvak_GetKXVPortLunInfo(HBA_HANDLE handle, HBA_UINT32, HBA_UINT32, HBA_UINT32, lun_info** luns,
                                     unsigned int* count) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     *luns = nullptr;
     *count = 0;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
 #include "mgmt/local_port.h"
@@ -78,6 +79,7 @@ bool copy_out(char** to, const void* from, std::size_t bytes) {
 
 HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 lnode, HBA_UINT32 target,
                                                 port_info* info) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     lnode_info node;
     rnode_info remote;
@@ -117,6 +119,7 @@ HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 ln
 
 HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes_by_wwpn(HBA_HANDLE handle, const port_info* key, char** ports,
                                                         unsigned int* size, char** stats) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     lnode_info node;
     const int status = lnode_by_wwpn(handle, key->attributes.PortWWN.wwn, node);
@@ -205,6 +208,7 @@ HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes_by_wwpn(HBA_HANDLE handle, const
 
 HBA_UINT32 mirvak_GetAllRPortsForVPort(HBA_HANDLE handle, const unsigned char* wwpn, port_info** ports,
                                        unsigned int* count, port_stats** stats, bool with_stats) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     lnode_info node;
     const int status = lnode_by_wwpn(handle, wwpn, node);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
 #include "mgmt/local_port.h"
@@ -38,6 +39,7 @@ bool both_wwns_given(const vport_in& key) { return mv::wwn_given(key.vport_wwpn)
 }  // namespace
 
 HBA_UINT32 mirvak_GetKXPortStatistics(HBA_HANDLE handle, const port_info* key, port_stats* stats) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     const mv::PortKey wanted = mv::key_of(*key);
     std::memset(&stats->hba_stats, 0, sizeof stats->hba_stats);
@@ -72,6 +74,7 @@ HBA_UINT32 mirvak_GetKXPortStatistics(HBA_HANDLE handle, const port_info* key, p
 }
 
 HBA_UINT32 mirvak_GetKXVPortStatistics(HBA_HANDLE handle, const unsigned char* vport_wwpn, port_stats* stats) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     uint8_t wwpn[8];
     std::memcpy(wwpn, vport_wwpn, sizeof wwpn);
@@ -88,6 +91,7 @@ HBA_UINT32 mirvak_GetKXVPortStatistics(HBA_HANDLE handle, const unsigned char* v
 }
 
 HBA_UINT32 mirvak_GetDiscoveredPortStats(HBA_HANDLE handle, const vport_in* key, port_stats* stats) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     lnode_info node;
     rnode_info remote;
@@ -130,6 +134,7 @@ HBA_UINT32 mirvak_GetDiscoveredPortStats(HBA_HANDLE handle, const vport_in* key,
 
 HBA_UINT32 mirvak_GetRPortsStatsForVPort(HBA_HANDLE handle, const unsigned char*, port_stats* stats,
                                          const vport_in* key) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     lnode_info node;
     rnode_info remote;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
 #include "mgmt/local_port.h"
@@ -62,6 +63,7 @@ void fill_vport(HBA_HANDLE handle, const uint8_t (&wwpn)[8], uint32_t position, 
 
 HBA_UINT32 mirvak_GetAllVPortsForPort(HBA_HANDLE handle, const unsigned char* wwpn, port_info* ports,
                                       HBA_UINT32 expected) {
+    const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return kBadHandleStatus;
     auto* list = static_cast<npiv_list*>(std::malloc(sizeof(npiv_list)));
     if (list == nullptr) return HBA_STATUS_ERROR;
@@ -93,6 +95,7 @@ HBA_UINT32 mirvak_GetAllVPortsForPort(HBA_HANDLE handle, const unsigned char* ww
 HBA_UINT32 mirvak_CreateDelNPIV(HBA_HANDLE handle, HBA_UINT32, HBA_UINT16 op, const unsigned char* first,
                                 const unsigned char* second, const unsigned char* third,
                                 const unsigned char* fourth) {
+    const mv::EntryLock entry_lock;
     npiv_req req;
     std::memset(&req, 0, sizeof req);
     if (first != nullptr) std::memcpy(req.wwn_8, first, sizeof req.wwn_8);

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Every test: install what is needed, build, run the suite; then build again
 # with AddressSanitizer and UndefinedBehaviorSanitizer and run the suite
-# under them (any report fails). --quick skips the sanitizer pass.
+# under them, and build the concurrency test with the plug-in and the
+# simulated driver under ThreadSanitizer and run it (any report fails).
+# --quick skips the sanitizer passes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -17,6 +19,12 @@ if [ "${1:-}" != "--quick" ]; then
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:halt_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
   (cd build-asan && ctest --output-on-failure -j"$(nproc)")
+
+  # Several threads at once under ThreadSanitizer (build-tsan/ holds only
+  # that test and what it loads).
+  scripts/build.sh --tsan
+  export TSAN_OPTIONS=halt_on_error=1:exitcode=66
+  (cd build-tsan && ctest --output-on-failure)
 
   # Every fuzz target for 20 seconds (fuzz/README.md).
   scripts/fuzz.sh 20

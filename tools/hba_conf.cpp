@@ -1,6 +1,7 @@
 #include "hba_conf.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -144,13 +145,18 @@ std::string read_file(const std::string& file, bool* exists) {
     return text;
 }
 
-void replace_file(const std::string& file, const std::string& bytes) {
+std::string link_target(const std::string& file) {
     std::error_code ec;
     fs::path target = file;
     if (fs::is_symlink(target, ec)) {
         target = fs::canonical(target, ec);
         if (ec) throw std::runtime_error("cannot follow the link " + file + ": " + ec.message());
     }
+    return target.string();
+}
+
+void replace_file(const std::string& file, const std::string& bytes) {
+    const fs::path target = link_target(file);
     struct stat old {};
     const bool existed = stat(target.c_str(), &old) == 0;
     if (!existed && errno != ENOENT) throw system_error("cannot look at", target.string(), errno);
@@ -188,6 +194,40 @@ void replace_file(const std::string& file, const std::string& bytes) {
         fsync(dir);
         close(dir);
     }
+}
+
+FileLock::FileLock(const std::string& file) {
+    const fs::path target = link_target(file);
+    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    path_ = (folder / ("." + target.filename().string() + ".lock")).string();
+    for (;;) {
+        const int fd = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd < 0) throw system_error("cannot create a new file in", folder.string(), errno);
+        int locked;
+        while ((locked = flock(fd, LOCK_EX)) != 0 && errno == EINTR) {
+        }
+        if (locked != 0) {
+            const int err = errno;
+            close(fd);
+            throw system_error("cannot lock", path_, err);
+        }
+        // The holder before us may have removed the file while we waited:
+        // the lock is ours only when the name still leads to what we locked.
+        struct stat held {}, named {};
+        if (fstat(fd, &held) == 0 && stat(path_.c_str(), &named) == 0 && held.st_dev == named.st_dev &&
+            held.st_ino == named.st_ino) {
+            fd_ = fd;
+            return;
+        }
+        close(fd);
+    }
+}
+
+FileLock::~FileLock() {
+    // Removed while still locked, so that nobody takes a lock on a name that
+    // is about to go.
+    unlink(path_.c_str());
+    close(fd_);
 }
 
 }  // namespace mv::hbaconf

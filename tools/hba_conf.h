@@ -57,6 +57,34 @@ std::string read_file(const std::string& file, bool* exists);
 // stays. Throws std::runtime_error, leaving the file as it was.
 void replace_file(const std::string& file, const std::string& bytes);
 
+// The file a symbolic link at `file` leads to (`file` itself when it is no
+// link). Throws std::runtime_error when the link cannot be followed.
+std::string link_target(const std::string& file);
+
+// An exclusive lock on the configuration, held while a run reads, changes
+// and replaces it, so that two runs at once (two packages configured at
+// once, an administrator and a package) never write over each other's
+// lines. It is a lock file beside the file (beside the file a link leads
+// to), ".NAME.lock", locked with flock(LOCK_EX): the constructor waits for
+// it. The lock file lives only while it is held: the holder removes it
+// before unlocking, and a waiter that then gets the lock on the removed file
+// sees that the name no longer leads to it and starts again. Another program
+// that edits the file in step with these runs takes the lock the same way.
+// Throws std::runtime_error ("cannot create a new file in FOLDER: ...") when
+// the lock file cannot be made.
+class FileLock {
+public:
+    explicit FileLock(const std::string& file);
+    ~FileLock();
+    FileLock(const FileLock&) = delete;
+    FileLock& operator=(const FileLock&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+    int fd_ = -1;
+};
+
 }  // namespace mv::hbaconf
 
 #endif

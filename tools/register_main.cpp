@@ -5,12 +5,14 @@
 //   mirvak-hba-register status [--conf FILE] [--plugin PATH]
 //
 // add and remove change nothing when there is nothing to do, and write the
-// file in one step (a new file renamed over the old one). A file that is not
-// in the front library's format is left alone.
+// file in one step (a new file renamed over the old one) while holding the
+// lock beside it (hba_conf.h). A file that is not in the front library's
+// format is left alone.
 #include <CLI/CLI.hpp>
 
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "hba_conf.h"
 
@@ -37,15 +39,32 @@ const CLI::Validator kPluginPath(
     },
     "PATH", "PATH");
 
-int add(const Options& o) {
+// Applies change to the file's lines and writes them back when it changed
+// anything; false when there was nothing to do. The change is worked out on
+// the file as it is first; only when there is something to write is the
+// lock beside the file taken, and the file read, parsed and changed again
+// under it, so that a run never writes over another's lines. `before` gets
+// the paths the plug-in was registered with before the change.
+template <class Change>
+bool edit(const std::string& file, Change change, std::vector<std::string>& before) {
     bool exists = false;
-    conf::Conf c = conf::parse(conf::read_file(o.file, &exists));
-    const std::vector<std::string> before = c.registered();
-    if (!conf::add(c, o.plugin)) {
+    conf::Conf c = conf::parse(conf::read_file(file, &exists));
+    before = c.registered();
+    if (!change(c)) return false;
+    const conf::FileLock lock(file);
+    c = conf::parse(conf::read_file(file, &exists));
+    before = c.registered();
+    if (!change(c)) return false;
+    conf::replace_file(file, c.text());
+    return true;
+}
+
+int add(const Options& o) {
+    std::vector<std::string> before;
+    if (!edit(o.file, [&](conf::Conf& c) { return conf::add(c, o.plugin); }, before)) {
         std::cout << conf::kPluginName << " is already registered in " << o.file << ": " << o.plugin << "\n";
         return 0;
     }
-    conf::replace_file(o.file, c.text());
     std::cout << "registered " << conf::kPluginName << " in " << o.file << ": " << o.plugin;
     if (!before.empty() && before[0] != o.plugin) std::cout << " (was " << before[0] << ")";
     std::cout << "\n";
@@ -53,13 +72,11 @@ int add(const Options& o) {
 }
 
 int remove(const Options& o) {
-    bool exists = false;
-    conf::Conf c = conf::parse(conf::read_file(o.file, &exists));
-    if (!conf::remove(c)) {
+    std::vector<std::string> before;
+    if (!edit(o.file, [](conf::Conf& c) { return conf::remove(c); }, before)) {
         std::cout << conf::kPluginName << " is not registered in " << o.file << "; nothing to do\n";
         return 0;
     }
-    conf::replace_file(o.file, c.text());
     std::cout << "removed " << conf::kPluginName << " from " << o.file << "\n";
     return 0;
 }
@@ -91,7 +108,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer("Every other line, comment and blank line of the file is kept byte for byte. A file that is\n"
                "not in the front library's format (blank lines, '#' comments, a name and a path per line)\n"
-               "is refused and left as it is.\n"
+               "is refused and left as it is. add and remove hold a lock file beside the file\n"
+               "(.NAME.lock, flock) while they change it, so that runs at once lose no line.\n"
                "Exit status: 0 done (or nothing to do; for status: registered with PATH); 1 the file\n"
                "could not be read, parsed or written (nothing was written); 2 bad arguments;\n"
                "3 (status) not registered, or registered with another path.");

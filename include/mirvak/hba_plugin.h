@@ -1,6 +1,14 @@
 /*
  * The standard face of libmirvakhbaapi.so: registration and the Common HBA
  * API entry points it places in the front library's table, with C names.
+ *
+ * Threads: every function here may be called from any number of threads at
+ * once, directly or through a front library that serialises nothing. Each
+ * call runs whole under the library's one lock (recursive: the library's
+ * functions call each other), so it answers, writes and prints exactly what
+ * it does when made alone between the others, and the driver library is
+ * never entered from two threads at once. A call is one request: a caller's
+ * sequence of calls (open, ask, close) may interleave with another thread's.
  */
 #ifndef MIRVAK_HBA_PLUGIN_H
 #define MIRVAK_HBA_PLUGIN_H

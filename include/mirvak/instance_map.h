@@ -1,6 +1,15 @@
 // The adapter instance map: ties the standard face's dense adapter indexes
 // and device paths to the driver's instance numbers 0..31. Built by
 // mirvak_LoadLibrary and rebuilt on every mirvak_GetAdapterName.
+//
+// Threads: the functions below take the library's one lock, so they may be
+// called from any thread at any time. The two globals are different: they
+// are plain memory, rewritten in place (mirvak_GetAdapterName, through any
+// thread's call that lists adapters) and replaced or released
+// (mirvak_LoadLibrary, mirvak_FreeLibrary, MvFCoEIni's constructor and
+// destructor) under that lock, which is not exported. Reading InstanceMap or
+// adapCnt directly is safe only while no other thread can be inside the
+// library; with other threads calling, use the lookups here instead.
 #ifndef MIRVAK_INSTANCE_MAP_H
 #define MIRVAK_INSTANCE_MAP_H
 

@@ -7,6 +7,10 @@
 // Results are unsigned 32-bit statuses: 0 success, 1 error, 5 illegal WWN,
 // 6 illegal index, 100 the local port is "OFFLINE" or "UNINIT", or the
 // driver library's own non-zero result, unchanged.
+//
+// Threads: as the standard face (mirvak/hba_plugin.h), every function may be
+// called from any number of threads at once; each runs whole under the
+// library's one lock.
 #ifndef MIRVAK_MGMT_H
 #define MIRVAK_MGMT_H
 

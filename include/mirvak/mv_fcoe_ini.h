@@ -27,8 +27,15 @@
 //
 // Construct one object and keep it: the constructor loads the library
 // (builds the adapter instance map), the destructor frees it, and methods
-// may be called only while an object is alive. No method is thread-safe;
-// the agent calls one at a time.
+// may be called only while an object is alive.
+//
+// Threads: every method may be called from any number of threads at once
+// (on one object or several). Each runs whole under the library's one lock,
+// so it answers, writes and prints exactly what it does when called alone
+// between the others. Constructing or destroying an object while other
+// threads call reloads or releases the adapter instance map between their
+// requests, never during one: a request that comes after a release answers
+// as it does after a release (hold one object for the agent's lifetime).
 #ifndef MIRVAK_MV_FCOE_INI_H
 #define MIRVAK_MV_FCOE_INI_H
 

@@ -3,17 +3,26 @@
 // writes, what it leaves alone, its messages and its exit status.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <ostream>
 #include <fstream>
+#include <algorithm>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "hba_conf.h"
+
+extern char** environ;
 
 namespace {
 
@@ -301,6 +310,107 @@ TEST_F(Register, ShowsTheProjectsVersion) {
     const Result r = Run({"--version"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, std::string("mirvak-hba-register ") + MIRVAK_VERSION + "\n");
+}
+
+// mirvak-hba-register ARGS started in the background, its output dropped;
+// its process id.
+pid_t Start(const std::vector<std::string>& args) {
+    std::vector<std::string> words{MIRVAK_REGISTER_PROGRAM};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return rc == 0 ? pid : -1;
+}
+
+int ExitStatus(pid_t pid) {
+    int raw = 0;
+    if (waitpid(pid, &raw, 0) != pid) return -1;
+    return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+}
+
+// True when some process waits in /proc/locks for a lock on the file with
+// this inode ("N: -> FLOCK ... MAJ:MIN:INODE ...").
+bool SomeoneWaitsFor(ino_t inode) {
+    std::ifstream in("/proc/locks");
+    const std::string tail = ":" + std::to_string(inode) + " ";
+    for (std::string line; std::getline(in, line);)
+        if (line.find("-> FLOCK") != std::string::npos && line.find(tail) != std::string::npos) return true;
+    return false;
+}
+
+const std::string kAdminLine = "com.admin.added\t/opt/admin/libadmin.so\n";
+
+// A run that finds the lock held waits for it, then reads the file as the
+// holder left it: the line written meanwhile stays.
+TEST_F(Register, AddWaitsForTheLockAndKeepsALineWrittenMeanwhile) {
+    spit(conf_, kHostConf);
+    pid_t pid = -1;
+    {
+        const mv::hbaconf::FileLock lock(conf_.string());
+        EXPECT_EQ(lock.path(), (conf_.parent_path() / ".hba.conf.lock").string());
+        struct stat st {};
+        ASSERT_EQ(stat(lock.path().c_str(), &st), 0);
+        pid = Start({"add", "--conf", conf_.string(), "--plugin", kPlugin});
+        ASSERT_GT(pid, 0);
+        // Generous: the machine may be busy. A run that does not wait ends
+        // instead, which is seen at once.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        bool waits = false;
+        while (!(waits = SomeoneWaitsFor(st.st_ino)) && std::chrono::steady_clock::now() < deadline) {
+            int raw = 0;
+            if (waitpid(pid, &raw, WNOHANG) == pid) {
+                pid = -1;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ASSERT_TRUE(waits) << "mirvak-hba-register add did not wait for the lock";
+        mv::hbaconf::replace_file(conf_.string(), kHostConf + kAdminLine);
+    }
+    EXPECT_EQ(ExitStatus(pid), 0);
+    EXPECT_EQ(slurp(conf_), kHostConf + kAdminLine + kLine);
+    EXPECT_EQ(FolderEntries(), std::vector<std::string>{"hba.conf"});  // the lock file went with the lock
+}
+
+// Eight runs at once, each registering another copy, while lines are added
+// under the lock as another program would: every other line stays, one
+// line of the plug-in is left, and nothing else is left in the folder.
+TEST_F(Register, ConcurrentAddsLoseNoLine) {
+    spit(conf_, kHostConf);
+    std::vector<pid_t> runs;
+    std::vector<std::string> paths;
+    for (int i = 0; i < 8; ++i) {
+        paths.push_back("/opt/copy" + std::to_string(i) + "/libmirvakhbaapi.so");
+        runs.push_back(Start({"add", "--conf", conf_.string(), "--plugin", paths.back()}));
+        ASSERT_GT(runs.back(), 0);
+    }
+    std::string added;
+    for (int i = 0; i < 8; ++i) {
+        const mv::hbaconf::FileLock lock(conf_.string());
+        mv::hbaconf::Conf c = mv::hbaconf::parse(slurp(conf_));
+        const std::string n = std::to_string(i);
+        const std::string line = "com.admin.added" + n + "\t/opt/admin/lib" + n + ".so\n";
+        c.lines.push_back(mv::hbaconf::Line{line, "", ""});
+        added += line;
+        mv::hbaconf::replace_file(conf_.string(), c.text());
+    }
+    for (pid_t pid : runs) EXPECT_EQ(ExitStatus(pid), 0);
+    const mv::hbaconf::Conf end = mv::hbaconf::parse(slurp(conf_));
+    ASSERT_EQ(end.registered().size(), 1u);
+    EXPECT_NE(std::find(paths.begin(), paths.end(), end.registered()[0]), paths.end());
+    std::string others;
+    for (const mv::hbaconf::Line& l : end.lines)
+        if (l.name != mv::hbaconf::kPluginName) others += l.bytes;
+    EXPECT_EQ(others, kHostConf + added);
+    EXPECT_EQ(FolderEntries(), std::vector<std::string>{"hba.conf"});
 }
 
 }  // namespace
