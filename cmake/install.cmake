@@ -5,8 +5,6 @@
 #   LIBDIR/cmake/mirvak_hba/                  CMake package (mirvak_hba::mirvakhbaapi)
 #   BINDIR/mirvak-hba                         the command-line program
 #   BINDIR/mirvak-hba-exporter                the Prometheus exporter
-#   LIBDIR/mirvak-hba/libssl.so, libcrypto.so the exporter's TLS shims for
-#                                             civetweb (exporter/tls_compat/)
 #   lib/systemd/system/mirvak-hba-exporter.service
 #                                             the exporter's systemd unit
 #                                             (the Debian package moves it to
@@ -20,10 +18,6 @@
 # Installed files carry no run path: the plug-in finds the maker's
 # libtuskstor.so where the loader looks for libraries, and the simulated one
 # only through mirvak-simhost, which points the loader at its own folder.
-# The one exception is the exporter, whose run path names its TLS shims'
-# folder LIBDIR/mirvak-hba (relative to its own, so a staged tree works):
-# named libssl.so and libcrypto.so, they must never be where every program
-# looks.
 
 install(TARGETS mirvakhbaapi EXPORT mirvak_hba_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -32,11 +26,8 @@ install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/mirvak DESTINATION ${CMAKE_INSTALL
 install(TARGETS mirvak-hba RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS mirvak-hba-register RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
-# The exporter, its TLS shims and its systemd unit.
-file(RELATIVE_PATH MIRVAK_TLS_FROM_BINDIR /root/${CMAKE_INSTALL_BINDIR} /root/${CMAKE_INSTALL_LIBDIR}/mirvak-hba)
-set_target_properties(mirvak-hba-exporter PROPERTIES INSTALL_RPATH "\$ORIGIN/${MIRVAK_TLS_FROM_BINDIR}")
+# The exporter and its systemd unit.
 install(TARGETS mirvak-hba-exporter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS mirvak_civet_ssl mirvak_civet_crypto LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/mirvak-hba)
 install(FILES ${CMAKE_SOURCE_DIR}/exporter/mirvak-hba-exporter.service DESTINATION lib/systemd/system)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/agent-guide.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/mirvak-hba)
 
