@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <set>
 
 #include <microhttpd.h>
@@ -309,17 +310,19 @@ std::unique_ptr<HttpServer::Daemon> HttpServer::start(const HttpSecurity& securi
     auto d = std::make_unique<Daemon>(security);
     d->owner = this;
     const auto timeout_s = static_cast<unsigned>((options_.limits.request_timeout.count() + 999) / 1000);
+    // (The connection limit is shared out among the event loops.)
+    const unsigned loops = std::max(1u, std::min(options_.threads, options_.limits.max_connections));
     std::vector<MHD_OptionItem> opts = {
+        {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&mhd_logger), &options_},
         {MHD_OPTION_LISTEN_SOCKET, listen_fd, nullptr},
-        {MHD_OPTION_THREAD_POOL_SIZE, static_cast<intptr_t>(options_.threads == 0 ? 1 : options_.threads), nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(options_.limits.max_connections), nullptr},
         {MHD_OPTION_PER_IP_CONNECTION_LIMIT, static_cast<intptr_t>(options_.limits.max_connections_per_client),
          nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, static_cast<intptr_t>(timeout_s), nullptr},
         {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&on_connection), d.get()},
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&on_completed), d.get()},
-        {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&mhd_logger), &options_},
     };
+    if (loops > 1) opts.push_back({MHD_OPTION_THREAD_POOL_SIZE, static_cast<intptr_t>(loops), nullptr});
     unsigned flags = MHD_USE_AUTO | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG;
     if (security.tls()) {
         flags |= MHD_USE_TLS;

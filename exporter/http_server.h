@@ -4,9 +4,9 @@
 // content type and a body.
 //
 // What it guarantees against hostile clients:
-//   - at most `max_connections` connections in all and
-//     `max_connections_per_client` from one client address (more are closed
-//     at once);
+//   - at most `max_connections` connections in all (more wait in the
+//     listening queue until one ends) and `max_connections_per_client` from
+//     one client address (more are closed at once);
 //   - a client has `request_timeout` from connecting (or from the end of its
 //     previous answer on a kept-alive connection) to the end of its request,
 //     headers and TLS handshake included, and no more: a client that

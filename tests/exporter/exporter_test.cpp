@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -43,8 +42,6 @@
 #include "sim_env.h"
 #include "tusksim.h"
 #include "web_config.h"
-
-extern char** environ;
 
 namespace {
 
@@ -467,17 +464,8 @@ TEST_F(ExporterTest, PrometheusScrapesTheExporterAndItsQueriesGiveTheFabric) {
                                            "--storage.tsdb.path=" + dir + "/data",
                                            "--web.listen-address=127.0.0.1:" + std::to_string(prom_port),
                                            "--log.level=warn"};
-    std::vector<char*> args;
-    for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, (dir + "/prometheus.log").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    pid_t pid = -1;
-    ASSERT_EQ(posix_spawnp(&pid, "prometheus", &fa, nullptr, args.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&fa);
+    const pid_t pid = testenv::StartProcess(argv, dir + "/prometheus.log");
+    ASSERT_GT(pid, 0);
 
     std::string last_answer;
     auto query = [&](const std::string& promql) {
