@@ -76,13 +76,19 @@ if(MIRVAK_BUILD_MANPAGES)
     message(FATAL_ERROR "MIRVAK_BUILD_MANPAGES is on but help2man is not installed")
   endif()
   set(MIRVAK_MAN_PAGES)
+  # An optional fourth argument: a help2man include file with further
+  # sections of the page.
   function(mirvak_man_page target section summary)
     set(page ${CMAKE_BINARY_DIR}/man/${target}.${section})
+    set(include)
+    if(ARGC GREATER 3)
+      set(include --include=${ARGV3})
+    endif()
     add_custom_command(OUTPUT ${page}
       COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
       COMMAND ${MIRVAK_HELP2MAN} --no-info --no-discard-stderr --section=${section}
-              --name=${summary} --output=${page} $<TARGET_FILE:${target}>
-      DEPENDS ${target} VERBATIM)
+              --name=${summary} ${include} --output=${page} $<TARGET_FILE:${target}>
+      DEPENDS ${target} ${ARGV3} VERBATIM)
     set(MIRVAK_MAN_PAGES ${MIRVAK_MAN_PAGES} ${page} PARENT_SCOPE)
     install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
   endfunction()
@@ -90,6 +96,7 @@ if(MIRVAK_BUILD_MANPAGES)
   mirvak_man_page(mirvak-hba-register 8 "register the mirvak FCoE HBA plug-in in hba.conf")
   mirvak_man_page(mirvak-simhost 1 "simulated host of the mirvak FCoE HBA plug-in")
   mirvak_man_page(mirvak-simscale 1 "fabric description of a simulated system of a given size")
-  mirvak_man_page(mirvak-hba-exporter 1 "Prometheus exporter of the mirvak FCoE HBAs")
+  mirvak_man_page(mirvak-hba-exporter 1 "Prometheus exporter of the mirvak FCoE HBAs"
+    ${CMAKE_SOURCE_DIR}/exporter/mirvak-hba-exporter.h2m)
   add_custom_target(manpages ALL DEPENDS ${MIRVAK_MAN_PAGES})
 endif()

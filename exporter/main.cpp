@@ -103,11 +103,11 @@ int main(int argc, char** argv) {
                    "users with bcrypt hashes, answer headers; re-read on SIGHUP. Default: web.yml in "
                    "$CREDENTIALS_DIRECTORY when systemd hands one over");
     app.add_option("--web.max-connections", options.limits.max_connections,
-                   "Connections open at once, in all (more are closed at once)")
+                   "Connections open at once, in all (more wait in the listening queue until one ends)")
         ->capture_default_str()
         ->check(CLI::Range(1u, 65536u));
     app.add_option("--web.max-connections-per-client", options.limits.max_connections_per_client,
-                   "Connections open at once from one client address")
+                   "Connections open at once from one client address (more are closed at once)")
         ->capture_default_str()
         ->check(CLI::Range(1u, 65536u));
     app.add_option("--web.request-timeout", request_timeout,
