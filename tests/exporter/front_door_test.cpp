@@ -514,6 +514,24 @@ TEST_F(FrontDoorTest, AUserNameWithALineBreakStaysOnOneLogLine) {
                    "\"eve\\nmirvak-hba-exporter \\\"admin\\\" logged in\\r\"\n");
 }
 
+TEST_F(FrontDoorTest, TheReadmesWebConfigurationIsAcceptedByPromtoolAndTheExporter) {
+    const std::string readme = slurp(MIRVAK_README);
+    const std::size_t at = readme.find("```yaml\ntls_server_config:");
+    ASSERT_NE(at, std::string::npos);
+    const std::size_t from = at + 8, end = readme.find("```", from);
+    const std::string dir = folder();
+    MakeCertificate(dir, "tls");
+    write_file(dir + "/web.yml", readme.substr(from, end - from));
+    const testenv::CommandResult r = testenv::RunArgv({"promtool", "check", "web-config", dir + "/web.yml"});
+    EXPECT_EQ(r.status, 0) << r.out;
+    const mv::exporter::WebConfig c = mv::exporter::read_web_config(dir + "/web.yml");
+    EXPECT_EQ(c.cert_file, dir + "/tls.crt");
+    EXPECT_EQ(c.min_version, "TLS12");
+    EXPECT_EQ(c.cipher_suites.size(), 2u);
+    EXPECT_EQ(c.headers.size(), 2u);
+    EXPECT_EQ(c.users.count("prometheus"), 1u);
+}
+
 TEST(ExporterProgram, LinksTheSystemGnuTlsAndNoOtherTlsLibrary) {
     const testenv::CommandResult dyn = testenv::RunArgv({"readelf", "-d", MIRVAK_EXPORTER_PROGRAM});
     ASSERT_EQ(dyn.status, 0) << dyn.out;
