@@ -9,12 +9,10 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <crypt.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,17 +20,16 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "mirvak/mv_fcoe_ini.h"
+#include "exporter_fixture.h"
 #include "run_command.h"
 #include "server.h"
-#include "sim_env.h"
-#include "tusksim.h"
 #include "web_config.h"
 
 namespace {
@@ -42,23 +39,9 @@ using mv::exporter::Server;
 using mv::exporter::ServerOptions;
 using namespace std::chrono_literals;
 
-std::string slurp(const std::string& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void write_file(const std::string& p, const std::string& text) {
-    std::ofstream out(p, std::ios::binary);
-    out << text;
-}
-
-std::string bcrypt_hash(const char* password) {
-    char salt[CRYPT_GENSALT_OUTPUT_SIZE];
-    EXPECT_NE(crypt_gensalt_rn("$2b$", 4, nullptr, 0, salt, sizeof salt), nullptr);
-    crypt_data data{};
-    const char* h = crypt_r(password, salt, &data);
-    return h != nullptr ? h : "";
-}
+using exporter_test::bcrypt_hash;
+using exporter_test::slurp;
+using exporter_test::write_file;
 
 std::string base64(const std::string& in) {
     static const char* k = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -151,28 +134,20 @@ int status_of(const std::string& answer) {
     return answer.rfind("HTTP/1.1 ", 0) == 0 ? std::atoi(answer.c_str() + 9) : -1;
 }
 
-class FrontDoorTest : public testenv::SimTest {
+class FrontDoorTest : public exporter_test::ExporterFixture {
 protected:
-    void SetUp() override {
-        testenv::SimTest::SetUp();
-        UseDefaultFabric();
-        tusksim_clear_faults();
+    // A server with the web configuration `yaml` (written to web.yml in the
+    // test's folder); returns its port.
+    int Serve(const std::string& yaml) {
+        write_file(folder() + "/web.yml", yaml);
+        ServerOptions o = Options();
+        o.web = mv::exporter::read_web_config(folder() + "/web.yml");
+        facade_ = std::make_unique<MvFCoEIni>();
+        server_ = std::make_unique<Server>(*facade_, o);
+        return PortOf(o);
     }
-
-    std::string folder() {
-        std::string p = root() + "/front-door-test";
-        mkdir(p.c_str(), 0700);
-        return p;
-    }
-
-    ServerOptions Options() {
-        ServerOptions o;
-        o.listen_address = "127.0.0.1:" + std::to_string(testenv::FreePort());
-        o.min_interval = std::chrono::milliseconds(0);
-        return o;
-    }
-
-    static int PortOf(const ServerOptions& o) { return std::atoi(o.listen_address.c_str() + o.listen_address.rfind(':') + 1); }
+    std::unique_ptr<MvFCoEIni> facade_;
+    std::unique_ptr<Server> server_;
 
     // A self-signed certificate for 127.0.0.1 and its key in dir.
     static void MakeCertificate(const std::string& dir, const std::string& name) {
@@ -446,13 +421,8 @@ TEST_F(FrontDoorTest, BasicAuthenticationWithoutTlsWarnsAtStart) {
 TEST_F(FrontDoorTest, TlsMinVersionRefusesOlderClients) {
     const std::string dir = folder();
     MakeCertificate(dir, "server");
-    write_file(dir + "/web.yml",
-               "tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n  min_version: TLS13\n");
-    ServerOptions o = Options();
-    o.web = mv::exporter::read_web_config(dir + "/web.yml");
-    MvFCoEIni facade;
-    Server server(facade, o);
-    const std::string url = "https://127.0.0.1:" + std::to_string(PortOf(o)) + "/";
+    const int port = Serve("tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n  min_version: TLS13\n");
+    const std::string url = "https://127.0.0.1:" + std::to_string(port) + "/";
     const std::vector<std::string> curl = {"curl", "-sS", "-f", "--max-time", "20", "--cacert", dir + "/server.crt",
                                            "-o", "/dev/null"};
     std::vector<std::string> tls13 = curl, tls12 = curl;
@@ -465,14 +435,9 @@ TEST_F(FrontDoorTest, TlsMinVersionRefusesOlderClients) {
 TEST_F(FrontDoorTest, CipherSuitesLimitWhatATls12ClientMayUse) {
     const std::string dir = folder();
     MakeCertificate(dir, "server");
-    write_file(dir + "/web.yml",
-               "tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n  max_version: TLS12\n"
-               "  cipher_suites: [TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384]\n");
-    ServerOptions o = Options();
-    o.web = mv::exporter::read_web_config(dir + "/web.yml");
-    MvFCoEIni facade;
-    Server server(facade, o);
-    const std::string url = "https://127.0.0.1:" + std::to_string(PortOf(o)) + "/";
+    const int port = Serve("tls_server_config:\n  cert_file: server.crt\n  key_file: server.key\n  max_version: TLS12\n"
+                           "  cipher_suites: [TLS_ECDHE_RSA_WITH_AES_256_GCM_SHA384]\n");
+    const std::string url = "https://127.0.0.1:" + std::to_string(port) + "/";
     auto with = [&](const char* cipher) {
         return testenv::RunArgv({"curl", "-sS", "-f", "--max-time", "20", "--cacert", dir + "/server.crt", "-o",
                                  "/dev/null", "--tls-max", "1.2", "--ciphers", cipher, url})
@@ -483,30 +448,20 @@ TEST_F(FrontDoorTest, CipherSuitesLimitWhatATls12ClientMayUse) {
 }
 
 TEST_F(FrontDoorTest, ConfiguredHeadersComeWithEveryAnswer) {
-    const std::string dir = folder();
-    write_file(dir + "/web.yml",
-               "http_server_config:\n  headers:\n    X-Frame-Options: deny\n    X-Content-Type-Options: nosniff\n");
-    ServerOptions o = Options();
-    o.web = mv::exporter::read_web_config(dir + "/web.yml");
-    MvFCoEIni facade;
-    Server server(facade, o);
+    const int port =
+        Serve("http_server_config:\n  headers:\n    X-Frame-Options: deny\n    X-Content-Type-Options: nosniff\n");
     for (const char* path : {"/", "/metrics", "/nothing"}) {
-        const testenv::HttpAnswer a = testenv::HttpGet(PortOf(o), path);
+        const testenv::HttpAnswer a = testenv::HttpGet(port, path);
         EXPECT_NE(a.head.find("\r\nX-Frame-Options: deny\r\n"), std::string::npos) << path << a.head;
         EXPECT_NE(a.head.find("\r\nX-Content-Type-Options: nosniff\r\n"), std::string::npos) << path << a.head;
     }
 }
 
 TEST_F(FrontDoorTest, AUserNameWithALineBreakStaysOnOneLogLine) {
-    const std::string dir = folder();
-    write_file(dir + "/web.yml", "basic_auth_users:\n  alice: " + bcrypt_hash("one") + "\n");
-    ServerOptions o = Options();
-    o.web = mv::exporter::read_web_config(dir + "/web.yml");
-    MvFCoEIni facade;
-    Server server(facade, o);
+    const int port = Serve("basic_auth_users:\n  alice: " + bcrypt_hash("one") + "\n");
     const std::string forged = "eve\nmirvak-hba-exporter \"admin\" logged in\r";
     const std::string log = testenv::CaptureErr([&] {
-        EXPECT_EQ(testenv::HttpGet(PortOf(o), "/metrics", "Authorization: Basic " + base64(forged + ":pw") + "\r\n")
+        EXPECT_EQ(testenv::HttpGet(port, "/metrics", "Authorization: Basic " + base64(forged + ":pw") + "\r\n")
                       .status,
                   401);
     });
