@@ -164,7 +164,10 @@ int main(int argc, char** argv) {
     MvFCoEIni facade;
     try {
         mv::exporter::Server server(facade, options);
-        std::fprintf(stderr, "mirvak-hba-exporter: listening on %s%s, metrics at %s\n", options.listen_address.c_str(),
+        // (With port 0, the port the system chose.)
+        const std::string address = options.listen_address.substr(0, options.listen_address.rfind(':') + 1) +
+                                    std::to_string(server.port());
+        std::fprintf(stderr, "mirvak-hba-exporter: listening on %s%s, metrics at %s\n", address.c_str(),
                      options.web.tls() ? " (TLS)" : "", options.telemetry_path.c_str());
         int sig = 0;
         while (sigwait(&stop, &sig) == 0 && sig == SIGHUP) reload(server, web_config);

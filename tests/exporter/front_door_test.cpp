@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -158,11 +159,17 @@ protected:
         ASSERT_EQ(r.status, 0) << r.out;
     }
 
-    // The exporter program on the simulated host, its output in log.
+    // The exporter program on the simulated host, its output in log. (In
+    // a sanitizer build the preloaded redirector comes before the
+    // sanitizer's runtime, which is then told not to mind.)
     pid_t StartExporter(const std::vector<std::string>& args, const std::string& log) {
         std::vector<std::string> argv = {MIRVAK_EXPORTER_PROGRAM};
         argv.insert(argv.end(), args.begin(), args.end());
-        return testenv::StartProcess(argv, log, {std::string("LD_PRELOAD=") + MIRVAK_SIMHOST_PRELOAD});
+        const char* asan = std::getenv("ASAN_OPTIONS");
+        return testenv::StartProcess(argv, log,
+                                     {std::string("LD_PRELOAD=") + MIRVAK_SIMHOST_PRELOAD,
+                                      "ASAN_OPTIONS=" + std::string(asan != nullptr ? asan : "") +
+                                          ":verify_asan_link_order=0"});
     }
 
     // Waits (at most 20 s) until the log holds `text`.
