@@ -58,7 +58,8 @@ Server::Server(MvFCoEIni& facade, ServerOptions options) : facade_(facade), opti
     port_ = http_->port();
 }
 
-Server::~Server() = default;
+// The HTTP side stops first: its threads answer with the members below it.
+Server::~Server() { http_.reset(); }
 
 void Server::reload(WebConfig web) {
     HttpSecurity security = security_of(web);
