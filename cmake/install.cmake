@@ -5,8 +5,6 @@
 #   LIBDIR/cmake/mirvak_hba/                  CMake package (mirvak_hba::mirvakhbaapi)
 #   BINDIR/mirvak-hba                         the command-line program
 #   BINDIR/mirvak-hba-exporter                the Prometheus exporter
-#   LIBDIR/mirvak-hba/libssl.so, libcrypto.so the exporter's TLS shims for
-#                                             civetweb (exporter/tls_compat/)
 #   lib/systemd/system/mirvak-hba-exporter.service
 #                                             the exporter's systemd unit
 #                                             (the Debian package moves it to
@@ -20,10 +18,6 @@
 # Installed files carry no run path: the plug-in finds the maker's
 # libtuskstor.so where the loader looks for libraries, and the simulated one
 # only through mirvak-simhost, which points the loader at its own folder.
-# The one exception is the exporter, whose run path names its TLS shims'
-# folder LIBDIR/mirvak-hba (relative to its own, so a staged tree works):
-# named libssl.so and libcrypto.so, they must never be where every program
-# looks.
 
 install(TARGETS mirvakhbaapi EXPORT mirvak_hba_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -32,11 +26,8 @@ install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/mirvak DESTINATION ${CMAKE_INSTALL
 install(TARGETS mirvak-hba RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS mirvak-hba-register RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
-# The exporter, its TLS shims and its systemd unit.
-file(RELATIVE_PATH MIRVAK_TLS_FROM_BINDIR /root/${CMAKE_INSTALL_BINDIR} /root/${CMAKE_INSTALL_LIBDIR}/mirvak-hba)
-set_target_properties(mirvak-hba-exporter PROPERTIES INSTALL_RPATH "\$ORIGIN/${MIRVAK_TLS_FROM_BINDIR}")
+# The exporter and its systemd unit.
 install(TARGETS mirvak-hba-exporter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS mirvak_civet_ssl mirvak_civet_crypto LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/mirvak-hba)
 install(FILES ${CMAKE_SOURCE_DIR}/exporter/mirvak-hba-exporter.service DESTINATION lib/systemd/system)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/agent-guide.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/mirvak-hba)
 
@@ -85,13 +76,19 @@ if(MIRVAK_BUILD_MANPAGES)
     message(FATAL_ERROR "MIRVAK_BUILD_MANPAGES is on but help2man is not installed")
   endif()
   set(MIRVAK_MAN_PAGES)
+  # An optional fourth argument: a help2man include file with further
+  # sections of the page.
   function(mirvak_man_page target section summary)
     set(page ${CMAKE_BINARY_DIR}/man/${target}.${section})
+    set(include)
+    if(ARGC GREATER 3)
+      set(include --include=${ARGV3})
+    endif()
     add_custom_command(OUTPUT ${page}
       COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
       COMMAND ${MIRVAK_HELP2MAN} --no-info --no-discard-stderr --section=${section}
-              --name=${summary} --output=${page} $<TARGET_FILE:${target}>
-      DEPENDS ${target} VERBATIM)
+              --name=${summary} ${include} --output=${page} $<TARGET_FILE:${target}>
+      DEPENDS ${target} ${ARGV3} VERBATIM)
     set(MIRVAK_MAN_PAGES ${MIRVAK_MAN_PAGES} ${page} PARENT_SCOPE)
     install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
   endfunction()
@@ -99,6 +96,7 @@ if(MIRVAK_BUILD_MANPAGES)
   mirvak_man_page(mirvak-hba-register 8 "register the mirvak FCoE HBA plug-in in hba.conf")
   mirvak_man_page(mirvak-simhost 1 "simulated host of the mirvak FCoE HBA plug-in")
   mirvak_man_page(mirvak-simscale 1 "fabric description of a simulated system of a given size")
-  mirvak_man_page(mirvak-hba-exporter 1 "Prometheus exporter of the mirvak FCoE HBAs")
+  mirvak_man_page(mirvak-hba-exporter 1 "Prometheus exporter of the mirvak FCoE HBAs"
+    ${CMAKE_SOURCE_DIR}/exporter/mirvak-hba-exporter.h2m)
   add_custom_target(manpages ALL DEPENDS ${MIRVAK_MAN_PAGES})
 endif()

@@ -1,27 +1,12 @@
 #include "server.h"
 
 #include <cstdio>
-#include <cstring>
-#include <vector>
-
-#include <civetweb.h>
-#include <openssl/ssl.h>
 
 #include "mirvak/mv_fcoe_ini.h"
 
 namespace mv::exporter {
 
 namespace {
-
-const char kRealm[] = "mirvak-hba-exporter";
-
-void reply(mg_connection* conn, int status, const char* reason, const char* type, const std::string& body,
-           bool head, const char* extra = "") {
-    mg_printf(conn,
-              "HTTP/1.1 %d %s\r\nContent-Type: %s\r\nContent-Length: %zu\r\nCache-Control: no-store\r\n%s\r\n",
-              status, reason, type, body.size(), extra);
-    if (!head && !body.empty()) mg_write(conn, body.data(), body.size());
-}
 
 std::string html_escape(const std::string& s) {
     std::string out;
@@ -37,79 +22,53 @@ std::string html_escape(const std::string& s) {
     return out;
 }
 
-// civetweb's form of the listening address: "127.0.0.1:9847" as it is,
-// ":9847" for every interface; an "s" after the port asks for TLS.
-std::string listening_ports(const std::string& address, bool tls) {
-    const std::size_t colon = address.rfind(':');
-    if (colon == std::string::npos || colon + 1 == address.size())
-        throw ServerError("--web.listen-address " + address + ": give host:port (e.g. 127.0.0.1:9847)");
-    const std::string port = address.substr(colon + 1);
-    if (port.find_first_not_of("0123456789") != std::string::npos || port.size() > 5 || std::stoul(port) > 65535)
-        throw ServerError("--web.listen-address " + address + ": the port is not a number from 0 to 65535");
-    std::string host = address.substr(0, colon);
-    if (host == "localhost") host = "127.0.0.1";
-    const std::string listening = host.empty() ? port : host + ":" + port;
-    return tls ? listening + "s" : listening;
-}
-
 }  // namespace
 
-Server::Server(MvFCoEIni& facade, ServerOptions options)
-    : facade_(facade), options_(std::move(options)), passwords_(options_.web.users) {
+// What the HTTP side needs of a web configuration: the certificate and key
+// as read, the TLS versions and suites, the users and the answer headers.
+static HttpSecurity security_of(WebConfig& web) {
+    try {
+        read_tls_files(web);
+    } catch (const WebConfigError& e) {
+        throw ServerError(e.what());
+    }
+    HttpSecurity s;
+    s.cert_pem = web.cert_pem;
+    s.key_pem = web.key_pem;
+    if (web.tls()) s.tls_priorities = tls_priorities(web);
+    s.users = web.users;
+    s.headers = web.headers;
+    return s;
+}
+
+Server::Server(MvFCoEIni& facade, ServerOptions options) : facade_(facade), options_(std::move(options)) {
     if (options_.telemetry_path.empty() || options_.telemetry_path[0] != '/' || options_.telemetry_path == "/")
         throw ServerError("--web.telemetry-path must start with / and name a path other than /");
-    const bool tls = options_.web.tls();
-    mg_init_library(tls ? MG_FEATURES_TLS : 0);
-    const std::string ports = listening_ports(options_.listen_address, tls);
-    const std::string threads = std::to_string(options_.threads);
-    std::vector<const char*> opts = {"listening_ports", ports.c_str(), "num_threads", threads.c_str(),
-                                     "request_timeout_ms", "30000", "enable_keep_alive", "yes"};
-    opts.push_back(nullptr);
-    mg_callbacks callbacks;
-    std::memset(&callbacks, 0, sizeof callbacks);
-    callbacks.begin_request = &Server::on_request;
-    callbacks.log_message = &Server::on_log;
-    if (tls) callbacks.init_ssl = &Server::on_init_ssl;
-    ctx_ = mg_start(&callbacks, this, opts.data());
-    if (ctx_ == nullptr) {
-        mg_exit_library();
-        throw ServerError("cannot listen on " + options_.listen_address + (tls ? " with TLS" : "") +
-                          " (address in use, not local, or the certificate cannot be used)");
+    HttpOptions http;
+    http.listen_address = options_.listen_address;
+    http.threads = options_.threads;
+    http.limits = options_.limits;
+    http.security = security_of(options_.web);
+    try {
+        http_ = std::make_unique<HttpServer>(http, [this](const HttpRequest& r) { return handle(r); });
+    } catch (const HttpError& e) {
+        throw ServerError(e.what());
     }
-    mg_server_port bound[4];
-    std::memset(bound, 0, sizeof bound);
-    if (mg_get_server_ports(ctx_, 4, bound) > 0) port_ = bound[0].port;
+    http_->on_auth_failure([this] { ++auth_failures_; });
+    port_ = http_->port();
 }
 
-Server::~Server() {
-    if (ctx_ != nullptr) mg_stop(ctx_);
-    mg_exit_library();
-}
+// The HTTP side stops first: its threads answer with the members below it.
+Server::~Server() { http_.reset(); }
 
-int Server::on_init_ssl(void* ssl_ctx, void* user_data) {
-    auto* self = static_cast<Server*>(user_data);
-    auto* ctx = static_cast<SSL_CTX*>(ssl_ctx);
-    const WebConfig& w = self->options_.web;
-    if (SSL_CTX_use_certificate_chain_file(ctx, w.cert_file.c_str()) != 1) {
-        std::fprintf(stderr, "mirvak-hba-exporter: cannot use the certificate %s\n", w.cert_file.c_str());
-        return -1;
+void Server::reload(WebConfig web) {
+    HttpSecurity security = security_of(web);
+    try {
+        http_->reload(std::move(security));
+    } catch (const HttpError& e) {
+        throw ServerError(e.what());
     }
-    if (SSL_CTX_use_PrivateKey_file(ctx, w.key_file.c_str(), SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_check_private_key(ctx) != 1) {
-        std::fprintf(stderr, "mirvak-hba-exporter: cannot use the key %s with the certificate\n", w.key_file.c_str());
-        return -1;
-    }
-    return 1;
-}
-
-int Server::on_log(const mg_connection*, const char* message) {
-    std::fprintf(stderr, "mirvak-hba-exporter: %s\n", message);
-    return 1;
-}
-
-int Server::on_request(mg_connection* conn) {
-    auto* self = static_cast<Server*>(mg_get_request_info(conn)->user_data);
-    return self->handle(conn);
+    options_.web = std::move(web);
 }
 
 std::string Server::scrape() {
@@ -138,47 +97,26 @@ std::string Server::scrape() {
     return body + exposition({f});
 }
 
-int Server::handle(mg_connection* conn) {
-    const mg_request_info* req = mg_get_request_info(conn);
-    const std::string method = req->request_method != nullptr ? req->request_method : "";
-    const std::string uri = req->local_uri != nullptr ? req->local_uri : "";
-    const bool head = method == "HEAD";
-
-    if (passwords_.required()) {
-        std::string user, password;
-        const bool given = parse_basic_auth(mg_get_header(conn, "Authorization"), user, password);
-        if (!given || !passwords_.check(user, password)) {
-            ++auth_failures_;
-            std::fprintf(stderr, "mirvak-hba-exporter: refused %s %s from %s: %s\n", method.c_str(), uri.c_str(),
-                         req->remote_addr, given ? ("wrong password for user \"" + user + "\"").c_str()
-                                                 : "no credentials");
-            const std::string extra = std::string("WWW-Authenticate: Basic realm=\"") + kRealm + "\"\r\n";
-            reply(conn, 401, "Unauthorized", "text/plain; charset=utf-8", "Unauthorized\n", head, extra.c_str());
-            return 401;
-        }
+HttpAnswer Server::handle(const HttpRequest& request) {
+    HttpAnswer a;
+    if (request.path != "/" && request.path != options_.telemetry_path) {
+        a.status = 404;
+        a.body = "404 page not found\n";
+        return a;
     }
-    if (uri != "/" && uri != options_.telemetry_path) {
-        reply(conn, 404, "Not Found", "text/plain; charset=utf-8", "404 page not found\n", head);
-        return 404;
-    }
-    if (method != "GET" && method != "HEAD") {
-        reply(conn, 405, "Method Not Allowed", "text/plain; charset=utf-8", "Method Not Allowed\n", head,
-              "Allow: GET, HEAD\r\n");
-        return 405;
-    }
-    if (uri == "/") {
+    if (request.path == "/") {
         const std::string path = html_escape(options_.telemetry_path);
-        const std::string page =
+        a.content_type = "text/html; charset=utf-8";
+        a.body =
             "<!DOCTYPE html>\n<html>\n<head><title>mirvak-hba exporter</title></head>\n<body>\n"
             "<h1>mirvak-hba exporter</h1>\n<p>Adapters, ports, virtual ports, remote ports and LUNs of the mirvak "
             "FCoE HBAs, for Prometheus.</p>\n<p><a href=\"" +
             path + "\">Metrics</a></p>\n</body>\n</html>\n";
-        reply(conn, 200, "OK", "text/html; charset=utf-8", page, head);
-        return 200;
+        return a;
     }
-    const std::string body = scrape();
-    reply(conn, 200, "OK", "text/plain; version=0.0.4; charset=utf-8", body, head);
-    return 200;
+    a.content_type = "text/plain; version=0.0.4; charset=utf-8";
+    a.body = scrape();
+    return a;
 }
 
 }  // namespace mv::exporter

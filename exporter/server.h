@@ -1,6 +1,7 @@
-// The exporter's HTTP side: the landing page at "/", the metrics at the
-// telemetry path, 404 for anything else; basic authentication and TLS from
-// the web configuration. Every scrape is answered from one reading of the
+// The exporter's answers: the landing page at "/", the metrics at the
+// telemetry path, 404 for anything else; served by HttpServer (connection
+// limits, request deadline, basic authentication and TLS from the web
+// configuration). Every scrape is answered from one reading of the
 // system; the library is called by one thread at a time, through the one
 // MvFCoEIni the server holds.
 #ifndef MIRVAK_EXPORTER_SERVER_H
@@ -15,22 +16,22 @@
 #include <stdexcept>
 #include <string>
 
+#include "http_server.h"
 #include "metrics.h"
 #include "web_config.h"
 
 class MvFCoEIni;
-struct mg_context;
-struct mg_connection;
 
 namespace mv::exporter {
 
 struct ServerOptions {
-    std::string listen_address = "127.0.0.1:9847";  // host:port; port 0 picks a free one
+    std::string listen_address = "127.0.0.1:10847";  // host:port; port 0 picks a free one
     std::string telemetry_path = "/metrics";
     std::chrono::milliseconds min_interval{5000};    // scrapes that come faster get the last reading
     CollectOptions collect;
     WebConfig web;
-    unsigned threads = 4;
+    unsigned threads = 4;  // the HTTP event loops
+    HttpLimits limits;
 };
 
 struct ServerError : std::runtime_error {
@@ -54,16 +55,16 @@ public:
     // The exposition a scrape gets now (taken afresh or the last one).
     std::string scrape();
 
+    // Takes a new web configuration (read_web_config's); throws ServerError
+    // and keeps the one in use when it cannot be used.
+    void reload(WebConfig web);
+
 private:
-    static int on_request(mg_connection* conn);
-    static int on_init_ssl(void* ssl_ctx, void* user_data);
-    static int on_log(const mg_connection* conn, const char* message);
-    int handle(mg_connection* conn);
+    HttpAnswer handle(const HttpRequest& request);
 
     MvFCoEIni& facade_;
     ServerOptions options_;
-    PasswordCheck passwords_;
-    mg_context* ctx_ = nullptr;
+    std::unique_ptr<HttpServer> http_;
     int port_ = 0;
 
     std::mutex library_;  // held around every call into the library

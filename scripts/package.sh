@@ -11,8 +11,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # (install-deps.sh always installs the build's own libraries, the
-# exporter's among them: prometheus-cpp-dev, libcivetweb-dev, libssl-dev,
-# libyaml-cpp-dev, libcrypt-dev.)
+# exporter's among them: prometheus-cpp-dev, libmicrohttpd-dev,
+# libgnutls28-dev, libyaml-cpp-dev, libcrypt-dev.)
 scripts/install-deps.sh build-essential debhelper dpkg-dev lintian help2man
 
 version=$(sed -n 's/^project(mirvak_hba VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)

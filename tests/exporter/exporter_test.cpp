@@ -12,7 +12,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -39,12 +38,11 @@
 #include "mirvak/tuskstor.h"
 #include "scale_fabric.h"
 #include "run_command.h"
+#include "exporter_fixture.h"
 #include "server.h"
 #include "sim_env.h"
 #include "tusksim.h"
 #include "web_config.h"
-
-extern char** environ;
 
 namespace {
 
@@ -52,15 +50,9 @@ using Clock = std::chrono::steady_clock;
 using mv::exporter::Server;
 using mv::exporter::ServerOptions;
 
-std::string slurp(const std::string& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void write_file(const std::string& p, const std::string& text) {
-    std::ofstream out(p, std::ios::binary);
-    out << text;
-}
+using exporter_test::bcrypt_hash;
+using exporter_test::slurp;
+using exporter_test::write_file;
 
 // A sample line of the exposition: name, labels, value.
 const std::regex kSample(R"(^([a-zA-Z_:][a-zA-Z0-9_:]*)(\{.*\})? (-?[0-9.e+Inf]+|NaN)$)");
@@ -118,43 +110,8 @@ long rss_kib() {
     return -1;
 }
 
-std::string bcrypt_hash(const char* password) {
-    char salt[CRYPT_GENSALT_OUTPUT_SIZE];
-    EXPECT_NE(crypt_gensalt_rn("$2b$", 4, nullptr, 0, salt, sizeof salt), nullptr);
-    crypt_data data{};
-    const char* h = crypt_r(password, salt, &data);
-    return h != nullptr ? h : "";
-}
-
-class ExporterTest : public testenv::SimTest {
+class ExporterTest : public exporter_test::ExporterFixture {
 protected:
-    void SetUp() override {
-        testenv::SimTest::SetUp();
-        UseDefaultFabric();
-        tusksim_clear_faults();
-        ResetAll();
-    }
-    void TearDown() override {
-        tusksim_clear_faults();
-        testenv::SimTest::TearDown();
-    }
-    static void ResetAll() { tusksim_reset_counts(); }
-
-    std::string folder() {
-        std::string p = root() + "/exporter-test";
-        mkdir(p.c_str(), 0700);
-        return p;
-    }
-
-    ServerOptions Options() {
-        ServerOptions o;
-        o.listen_address = "127.0.0.1:" + std::to_string(testenv::FreePort());
-        o.min_interval = std::chrono::milliseconds(0);
-        return o;
-    }
-
-    static int PortOf(const ServerOptions& o) { return std::atoi(o.listen_address.c_str() + o.listen_address.rfind(':') + 1); }
-
     std::string Scrape(const ServerOptions& o) {
         MvFCoEIni facade;
         Server server(facade, o);
@@ -467,17 +424,8 @@ TEST_F(ExporterTest, PrometheusScrapesTheExporterAndItsQueriesGiveTheFabric) {
                                            "--storage.tsdb.path=" + dir + "/data",
                                            "--web.listen-address=127.0.0.1:" + std::to_string(prom_port),
                                            "--log.level=warn"};
-    std::vector<char*> args;
-    for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, (dir + "/prometheus.log").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    pid_t pid = -1;
-    ASSERT_EQ(posix_spawnp(&pid, "prometheus", &fa, nullptr, args.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&fa);
+    const pid_t pid = testenv::StartProcess(argv, dir + "/prometheus.log");
+    ASSERT_GT(pid, 0);
 
     std::string last_answer;
     auto query = [&](const std::string& promql) {

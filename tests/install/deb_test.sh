@@ -110,19 +110,22 @@ run)
     echo "FAIL the packaged simulated host does not register the packaged plug-in"
     failed=1
   fi
-  # The exporter's one run path is its TLS shims' folder, and the shims it
-  # loads are the packaged ones, not the system's libssl.so.
+  # The exporter has no run path; its TLS library is the system's GnuTLS,
+  # which it names in its dynamic section, and no OpenSSL or private TLS
+  # library is loaded.
   exporter=$root/usr/bin/mirvak-hba-exporter
   runpath=$(readelf -d "$exporter" | sed -n 's/.*(\(RUNPATH\|RPATH\)).*\[\(.*\)\]$/\2/p')
-  shims=$(LD_LIBRARY_PATH="$root$libdir" ldd "$exporter" | awk '$1 == "libssl.so" || $1 == "libcrypto.so" { print $1 " " $3 }')
-  if [ "$runpath" = "\$ORIGIN/../lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/mirvak-hba" ] &&
-     [ "$shims" = "libssl.so $root/usr/bin/../lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/mirvak-hba/libssl.so
-libcrypto.so $root/usr/bin/../lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/mirvak-hba/libcrypto.so" ]; then
-    echo "ok   packaged mirvak-hba-exporter has run path $runpath and loads the packaged TLS shims"
+  multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+  tls=$(LD_LIBRARY_PATH="$root$libdir" ldd "$exporter" |
+    awk '$1 ~ /^lib(gnutls|ssl|crypto|microhttpd)[.]so/ { sub("^/usr", "", $3); print $1 " " $3 }' | sort)
+  if [ -z "$runpath" ] && readelf -d "$exporter" | grep -q 'NEEDED.*\[libgnutls[.]so[.]30\]' &&
+     [ "$tls" = "libgnutls.so.30 /lib/$multiarch/libgnutls.so.30
+libmicrohttpd.so.12 /lib/$multiarch/libmicrohttpd.so.12" ]; then
+    echo "ok   packaged mirvak-hba-exporter has no run path and uses the system's GnuTLS"
   else
     echo "run path: $runpath"
-    echo "$shims"
-    echo "FAIL packaged mirvak-hba-exporter's run path or TLS shims"
+    echo "$tls"
+    echo "FAIL packaged mirvak-hba-exporter's run path or TLS libraries"
     failed=1
   fi
   "$root/usr/sbin/mirvak-hba-register" add --conf "$root/hba.conf" >/dev/null

@@ -86,6 +86,32 @@ int FreePort() {
     return ntohs(a.sin_port);
 }
 
+pid_t StartProcess(const std::vector<std::string>& argv, const std::string& log_file,
+                   const std::vector<std::string>& env) {
+    std::vector<std::string> entries(env);
+    for (char** e = environ; *e != nullptr; ++e) {
+        const std::string entry(*e);
+        bool replaced = false;
+        for (const std::string& mine : env)
+            replaced = replaced || entry.compare(0, entry.find('=') + 1, mine, 0, mine.find('=') + 1) == 0;
+        if (!replaced) entries.push_back(entry);
+    }
+    std::vector<char*> args, envp;
+    for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
+    args.push_back(nullptr);
+    for (const std::string& s : entries) envp.push_back(const_cast<char*>(s.c_str()));
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&fa, 1, log_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_adddup2(&fa, 1, 2);
+    pid_t pid = -1;
+    const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), envp.data());
+    posix_spawn_file_actions_destroy(&fa);
+    return rc == 0 ? pid : -1;
+}
+
 void StopProcess(pid_t pid) {
     if (pid <= 0) return;
     kill(pid, SIGTERM);

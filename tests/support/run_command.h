@@ -44,6 +44,13 @@ HttpAnswer HttpGet(int port, const std::string& path, const std::string& extra_h
 // A TCP port on 127.0.0.1 that is free now; -1 when none could be had.
 int FreePort();
 
+// Starts argv (looked up on PATH) in the background with standard input
+// from /dev/null and standard output and error into log_file; env entries
+// ("NAME=value") are added to this process's environment, replacing a
+// variable of the same name. Returns its id, -1 when it could not start.
+pid_t StartProcess(const std::vector<std::string>& argv, const std::string& log_file,
+                   const std::vector<std::string>& env = {});
+
 // Stops a process this test started, by its id: TERM, up to 10 s, then
 // KILL; reaps it.
 void StopProcess(pid_t pid);
