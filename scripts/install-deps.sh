@@ -12,7 +12,7 @@ packages=(
   prometheus-cpp-dev libcivetweb-dev libssl-dev libyaml-cpp-dev libcrypt-dev prometheus openssl curl
   lsscsi sg3-utils prometheus-node-exporter libhbalinux2
   clang-14 libfuzzer-14-dev
-  python3-jsonschema graphviz
+  python3-jsonschema python3-yaml graphviz
 )
 # Further packages a caller needs (scripts/package.sh: the packaging tools).
 packages+=("$@")
