@@ -80,6 +80,24 @@ const MV_FCPSCSIENTRYV2* OfLun(const std::vector<MV_FCPSCSIENTRYV2>& entries, ui
     return nullptr;
 }
 
+TEST(SeveralPathsDescription, BothTargetsHoldOneLun) {
+    const sim::Fabric f = sim::parse_fabric_text(kDualFabric, "dual");
+    const sim::LocalNode& p0 = f.adapters.at(0).lnodes.at(0);
+    const sim::LocalNode& p1 = f.adapters.at(0).lnodes.at(1);
+    const sim::Lun& a = p0.rnodes.at(0).luns.at(0);
+    const sim::Lun& b = p1.rnodes.at(0).luns.at(0);
+    ASSERT_EQ(a.designators.size(), 1u);
+    EXPECT_EQ(a.designators[0].id, (std::vector<uint8_t>{0x5a, 0x06, 0xc5, 0xe0, 0x00, 0x00, 0x0a, 0x00}));
+    EXPECT_EQ(a.designators[0].type, 3);  // NAA, the default
+    EXPECT_TRUE(a.designators == b.designators);
+    EXPECT_EQ(a.serial, b.serial);
+    EXPECT_EQ(a.size, b.size);
+    EXPECT_NE(p0.rnodes[0].port_wwn, p1.rnodes[0].port_wwn);
+    EXPECT_NE(a.block, b.block);
+    // The writer keeps both.
+    EXPECT_TRUE(sim::parse_fabric(sim::fabric_to_json(f), "again") == f);
+}
+
 sim::ScaleParams TwoPortsTwoPaths(uint32_t luns) {
     sim::ScaleParams p;
     p.ports = 2;
