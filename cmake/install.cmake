@@ -14,6 +14,8 @@
 #                                             with BINDIR links to their programs
 #   MANDIR/man1, man8                         man pages (when help2man is there)
 #   DATAROOTDIR/doc/mirvak-hba/agent-guide.md the guide for the agent's developers
+#   DATAROOTDIR/mirvak-hba/prometheus/        Prometheus alerts and recording
+#                                             rules on the exporter's series
 #
 # Installed files carry no run path: the plug-in finds the maker's
 # libtuskstor.so where the loader looks for libraries, and the simulated one
@@ -29,6 +31,9 @@ install(TARGETS mirvak-hba-register RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR}
 # The exporter and its systemd unit.
 install(TARGETS mirvak-hba-exporter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_SOURCE_DIR}/exporter/mirvak-hba-exporter.service DESTINATION lib/systemd/system)
+install(FILES ${CMAKE_SOURCE_DIR}/exporter/prometheus/mirvak-hba.alerts.yml
+  ${CMAKE_SOURCE_DIR}/exporter/prometheus/mirvak-hba.rules.yml
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/mirvak-hba/prometheus)
 install(FILES ${CMAKE_SOURCE_DIR}/docs/agent-guide.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/mirvak-hba)
 
 # The simulator: its libraries and programs together in the private folder;

@@ -13,7 +13,7 @@ packages=(
   systemd
   lsscsi sg3-utils prometheus-node-exporter libhbalinux2 fcoe-utils
   clang-14 libfuzzer-14-dev
-  python3-jsonschema graphviz
+  python3-jsonschema python3-yaml graphviz
 )
 # Further packages a caller needs (scripts/package.sh: the packaging tools).
 packages+=("$@")

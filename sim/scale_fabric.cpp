@@ -39,6 +39,45 @@ void check(const char* name, uint32_t value, uint32_t max) {
                                     " beyond " + std::to_string(max));
 }
 
+// The paths: at least one, and the physical ports fall into whole groups.
+void check_paths(const ScaleParams& sp) {
+    const uint64_t physical = uint64_t{sp.adapters} * sp.ports;
+    if (sp.paths == 0) throw std::invalid_argument("scale fabric: paths 0: at least 1");
+    if (sp.paths > 1 && physical % sp.paths != 0)
+        throw std::invalid_argument("scale fabric: paths " + std::to_string(sp.paths) + " do not divide the " +
+                                    std::to_string(physical) + " physical ports (adapters x ports)");
+}
+
+// Where a LUN's identity comes from when it has several paths: the group
+// of its physical port and the first path of that group.
+struct PathGroup {
+    uint64_t group = 0;
+    uint32_t first_adapter = 0;
+    uint32_t first_port = 0;
+};
+
+PathGroup path_group(const ScaleParams& sp, uint32_t a, uint32_t p) {
+    const uint64_t groups = uint64_t{sp.adapters} * sp.ports / sp.paths;
+    PathGroup g;
+    g.group = (uint64_t{a} * sp.ports + p) % groups;
+    g.first_adapter = static_cast<uint32_t>(g.group / sp.ports);
+    g.first_port = static_cast<uint32_t>(g.group % sp.ports);
+    return g;
+}
+
+// The identity LUN l of target t has through every path of its group: the
+// serial and the NAA 5 designator of scale_fabric.h.
+void give_identity(const ScaleParams& sp, uint32_t a, uint32_t p, uint32_t vslot, uint32_t t, Lun& lun) {
+    const PathGroup g = path_group(sp, a, p);
+    const uint64_t first_target = target_wwn(0x50, g.first_adapter, g.first_port, vslot, t);
+    lun.serial = "SIM" + wwn_to_hex(wwn(first_target)) + "L" + std::to_string(lun.lun);
+    const uint64_t number = ((g.group * (uint64_t{sp.vports} + 1) + vslot) * sp.targets + t) * sp.luns + lun.lun;
+    Designator naa;  // binary, NAA, associated with the LUN
+    naa.id = {0x5a, 0x06, 0xc5, static_cast<uint8_t>(0xe0 | ((number >> 32) & 0x0F))};
+    for (int shift = 24; shift >= 0; shift -= 8) naa.id.push_back(static_cast<uint8_t>(number >> shift));
+    lun.designators = {naa};
+}
+
 // One local port's targets and their LUNs; next_block counts the block
 // devices handed out so far.
 std::vector<RemoteNode> targets_of(const ScaleParams& sp, uint32_t a, uint32_t p, uint32_t vslot,
@@ -58,6 +97,7 @@ std::vector<RemoteNode> targets_of(const ScaleParams& sp, uint32_t a, uint32_t p
             lun.lun = l;
             lun.block = block_device_name(next_block++);
             lun.block_dir = true;  // block/size too: every reader finds the size
+            if (sp.paths > 1) give_identity(sp, a, p, vslot, t, lun);
             rn.luns.push_back(std::move(lun));
         }
         out.push_back(std::move(rn));
@@ -94,6 +134,7 @@ Fabric scale_fabric(const ScaleParams& sp) {
     check("vports", sp.vports, kMaxVports);
     check("targets", sp.targets, kMaxTargets);
     check("luns", sp.luns, kMaxLuns);
+    check_paths(sp);
     // Each factor is bounded above, so the products fit in 64 bits.
     if (scale_counts(sp).luns > kMaxScaleLuns)
         throw std::invalid_argument("scale fabric: " + std::to_string(scale_counts(sp).luns) +

@@ -23,6 +23,7 @@ struct ScaleParams {
     uint32_t vports = 0;          // virtual ports per physical port; at most 128
     uint32_t targets = 1;         // targets per local port, physical or virtual; at most 65536
     uint32_t luns = 1;            // LUNs per target; at most 16384
+    uint32_t paths = 1;           // local ports each LUN is reachable through; divides adapters * ports
 };
 
 // Largest number of LUNs in one generated fabric.
@@ -55,6 +56,24 @@ ScaleCounts scale_counts(const ScaleParams& p);
 // block devices are named sda, sdb, ..., sdz, sdaa, ... in chain order, and
 // each LUN publishes both the block:<name> entry and the block/ directory,
 // so that every LUN discovery reader finds its size.
+//
+// Several paths (paths N > 1): the physical ports of the fabric, numbered
+// g = adapter * ports + port, fall into adapters * ports / N groups; port g
+// belongs to group g mod (adapters * ports / N), so the N ports of a group
+// lie on different adapters when there are at least N of them. The LUNs
+// behind the ports of one group, and behind their virtual ports of the same
+// slot, are the same LUNs seen through N paths: target t's LUN l has one
+// identity through each of them (serial number, designator, vendor, product,
+// size), while every path keeps its own local port, target WWPN, SCSI
+// address and block device, as on a dual-fabric SAN. The identity is the
+// one of the group's first path: serial "SIM" + that path's target WWPN +
+// "L" + the LUN number, and one NAA 5 designator (binary, associated with
+// the LUN) 5a 06 c5 e followed by 36 bits holding the identity's number
+// (0, 1, ... by group, virtual-port slot, target and LUN). The byte after
+// the designator's first one is 06, its length less two, so that a reader
+// that walks the identification page from two bytes in (as the plug-in's
+// LUID does) takes the whole designator too. With one path (the default)
+// the LUNs keep the host's made-up identities and nothing else changes.
 Fabric scale_fabric(const ScaleParams& p);
 
 // The same as a description (sim/FABRIC.md), as fabric_to_json writes it.

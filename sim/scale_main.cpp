@@ -1,11 +1,12 @@
 // mirvak-simscale: print a large fabric description on standard output.
 //
-//   mirvak-simscale [--adapters N] [--ports N] [--vports N] [--targets N] [--luns N] [--compact]
+//   mirvak-simscale [--adapters N] [--ports N] [--vports N] [--targets N] [--luns N] [--paths N] [--compact]
 //
 // Every adapter has the same ports, every physical port the same number of
 // virtual ports, every local port the same number of targets and every
 // target the same number of LUNs, each with a block device (see
-// scale_fabric.h for the names). The output is a fabric description
+// scale_fabric.h for the names); with --paths N every LUN is reachable
+// through N local ports, on different adapters where there are enough. The output is a fabric description
 // (sim/FABRIC.md) for MIRVAK_SIM_FABRIC or mirvak-simhost --fabric.
 // Exit status 0, 1 for parameters beyond their limits, 2 for a bad command line.
 #include <CLI/CLI.hpp>
@@ -29,6 +30,10 @@ int main(int argc, char** argv) {
     app.add_option("--targets", p.targets, "Targets per local port, physical or virtual (at most 65536)")
         ->capture_default_str();
     app.add_option("--luns", p.luns, "LUNs per target, each with a block device (at most 16384)")
+        ->capture_default_str();
+    app.add_option("--paths", p.paths,
+                   "Local ports each LUN is reachable through, each with its own target WWPNs and the same LUN "
+                   "identities (divides adapters x ports)")
         ->capture_default_str();
     app.add_flag("--compact", compact, "One line instead of indented JSON");
     try {

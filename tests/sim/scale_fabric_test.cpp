@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -189,6 +190,127 @@ TEST(ScaleFabric, LimitsThemselvesAreAccepted) {
     EXPECT_EQ(sim::scale_counts(Params(1, 1, 0, 1024, 1024)).luns, sim::kMaxScaleLuns);
 }
 
+// ---- Several paths
+
+ScaleParams Paths(ScaleParams p, uint32_t paths) {
+    p.paths = paths;
+    return p;
+}
+
+std::string Hex(const std::vector<uint8_t>& bytes) {
+    std::string out;
+    char b[4];
+    for (const uint8_t x : bytes) {
+        std::snprintf(b, sizeof b, "%02x", x);
+        out += b;
+    }
+    return out;
+}
+
+// A LUN's identity as a host reader sees it: designators, serial, vendor,
+// product, size.
+std::string Identity(const sim::Lun& l) {
+    std::string out = l.serial + "/" + l.vendor + "/" + l.product + "/" + std::to_string(l.size);
+    for (const sim::Designator& d : l.designators)
+        out += "/" + std::to_string(d.code_set) + "." + std::to_string(d.type) + "." + std::to_string(d.association) +
+               "." + Hex(d.id);
+    return out;
+}
+
+TEST(ScaleFabric, OnePathKeepsTheHostsMadeUpIdentities) {
+    const sim::Fabric f = sim::scale_fabric(Params(2, 2, 1, 2, 2));
+    EXPECT_TRUE(f == sim::scale_fabric(Paths(Params(2, 2, 1, 2, 2), 1)));
+    for (const sim::Adapter& a : f.adapters)
+        for (const sim::LocalNode& ln : a.lnodes)
+            for (const sim::RemoteNode& rn : ln.rnodes)
+                for (const sim::Lun& l : rn.luns) {
+                    EXPECT_TRUE(l.designators.empty());
+                    EXPECT_TRUE(l.serial.empty());
+                }
+}
+
+TEST(ScaleFabric, TwoPathsShowEachLunThroughAPortOfEachAdapter) {
+    // Two adapters of one port each, with a virtual port each: adapter 0's
+    // port and adapter 1's port are the two paths, and so are their
+    // virtual ports.
+    const sim::Fabric f = sim::scale_fabric(Paths(Params(2, 1, 1, 2, 2), 2));
+    for (std::size_t k = 0; k < 2; ++k) {
+        const sim::LocalNode& first = f.adapters[0].lnodes[k];
+        const sim::LocalNode& second = f.adapters[1].lnodes[k];
+        ASSERT_EQ(first.rnodes.size(), 2u);
+        for (std::size_t t = 0; t < 2; ++t) {
+            EXPECT_NE(first.rnodes[t].port_wwn, second.rnodes[t].port_wwn);
+            for (std::size_t l = 0; l < 2; ++l) {
+                const sim::Lun& a = first.rnodes[t].luns[l];
+                const sim::Lun& b = second.rnodes[t].luns[l];
+                EXPECT_EQ(Identity(a), Identity(b));
+                EXPECT_EQ(a.lun, b.lun);
+                EXPECT_NE(a.block, b.block);
+            }
+        }
+    }
+    // The identity of the first path: its target's serial, and the
+    // identity's number (virtual-port slot 1, target 1, LUN 1: 7) in the
+    // designator.
+    const sim::Lun& l = f.adapters[1].lnodes[1].rnodes[1].luns[1];
+    EXPECT_EQ(l.serial, "SIM5000000000010001L1");
+    ASSERT_EQ(l.designators.size(), 1u);
+    EXPECT_EQ(l.designators[0].code_set, 1);
+    EXPECT_EQ(l.designators[0].type, 3);
+    EXPECT_EQ(l.designators[0].association, 0);
+    EXPECT_EQ(Hex(l.designators[0].id), "5a06c5e000000007");
+    EXPECT_EQ(sim::wwn_to_hex(f.adapters[1].lnodes[1].rnodes[1].port_wwn), "5000000100010001");
+}
+
+TEST(ScaleFabric, PortsOfAGroupLieOnDifferentAdapters) {
+    // Four physical ports in two groups: port 0 of both adapters, port 1 of both.
+    const sim::Fabric f = sim::scale_fabric(Paths(Params(2, 2, 0, 1, 1), 2));
+    const auto id = [&](std::size_t a, std::size_t p) { return Identity(f.adapters[a].lnodes[p].rnodes[0].luns[0]); };
+    EXPECT_EQ(id(0, 0), id(1, 0));
+    EXPECT_EQ(id(0, 1), id(1, 1));
+    EXPECT_NE(id(0, 0), id(0, 1));
+    // One adapter of two ports: its two ports.
+    const sim::Fabric g = sim::scale_fabric(Paths(Params(1, 2, 0, 1, 1), 2));
+    EXPECT_EQ(Identity(g.adapters[0].lnodes[0].rnodes[0].luns[0]), Identity(g.adapters[0].lnodes[1].rnodes[0].luns[0]));
+}
+
+TEST(ScaleFabric, EveryIdentityHasExactlyItsPaths) {
+    for (const uint32_t paths : {2u, 3u, 6u}) {
+        SCOPED_TRACE(paths);
+        const ScaleParams p = Paths(Params(3, 2, 2, 3, 2), paths);
+        const sim::Fabric f = sim::scale_fabric(p);
+        std::map<std::string, std::set<std::string>> targets_of;  // identity -> target WWPNs
+        std::set<std::string> designators;
+        uint64_t luns = 0;
+        for (const sim::Adapter& a : f.adapters)
+            for (const sim::LocalNode& ln : a.lnodes)
+                for (const sim::RemoteNode& rn : ln.rnodes)
+                    for (const sim::Lun& l : rn.luns) {
+                        ++luns;
+                        targets_of[Identity(l)].insert(sim::wwn_to_hex(rn.port_wwn));
+                        designators.insert(Hex(l.designators.at(0).id));
+                    }
+        EXPECT_EQ(luns, sim::scale_counts(p).luns);
+        EXPECT_EQ(targets_of.size(), luns / paths);
+        EXPECT_EQ(designators.size(), luns / paths);
+        for (const auto& [identity, targets] : targets_of) EXPECT_EQ(targets.size(), paths) << identity;
+    }
+}
+
+TEST(ScaleFabric, PathsThatDoNotDivideThePortsAreRefused) {
+    EXPECT_EQ(Error(Paths(Params(1, 1, 0, 1, 1), 0)), "scale fabric: paths 0: at least 1");
+    EXPECT_EQ(Error(Paths(Params(1, 1, 0, 1, 1), 2)),
+              "scale fabric: paths 2 do not divide the 1 physical ports (adapters x ports)");
+    EXPECT_EQ(Error(Paths(Params(2, 2, 0, 1, 1), 3)),
+              "scale fabric: paths 3 do not divide the 4 physical ports (adapters x ports)");
+    EXPECT_EQ(sim::scale_fabric(Paths(Params(2, 2, 0, 1, 1), 4)).adapters.size(), 2u);
+}
+
+TEST(ScaleFabric, SeveralPathsReadBackAsTheSameFabric) {
+    const ScaleParams p = Paths(Params(2, 2, 1, 2, 2), 2);
+    EXPECT_TRUE(sim::parse_fabric(sim::scale_fabric_json(p), "scale") == sim::scale_fabric(p));
+}
+
 // ---- The description
 
 TEST(ScaleFabric, DescriptionReadsBackAsTheSameFabric) {
@@ -307,6 +429,15 @@ TEST(ScaleFabricProgram, RefusesParametersBeyondTheirLimits) {
     const testenv::CommandResult r = RunProgram("--vports 129", true);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "mirvak-simscale: scale fabric: vports 129 beyond 128\n");
+}
+
+TEST(ScaleFabricProgram, PathsGiveEveryLunSeveralPaths) {
+    const testenv::CommandResult r = RunProgram("--adapters 2 --vports 1 --luns 2 --paths 2");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, sim::scale_fabric_json(Paths(Params(2, 1, 1, 1, 2), 2)).dump(2) + "\n");
+    const testenv::CommandResult refused = RunProgram("--ports 3 --paths 2", true);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "mirvak-simscale: scale fabric: paths 2 do not divide the 3 physical ports (adapters x ports)\n");
 }
 
 TEST(ScaleFabricProgram, BadCommandLineIsTwo) {
