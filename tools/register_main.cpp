@@ -13,6 +13,7 @@
 #include <string>
 
 #include "hba_conf.h"
+#include "replace_file.h"
 
 namespace {
 
@@ -45,7 +46,7 @@ int add(const Options& o) {
         std::cout << conf::kPluginName << " is already registered in " << o.file << ": " << o.plugin << "\n";
         return 0;
     }
-    conf::replace_file(o.file, c.text());
+    mv::tool::replace_file(o.file, c.text());
     std::cout << "registered " << conf::kPluginName << " in " << o.file << ": " << o.plugin;
     if (!before.empty() && before[0] != o.plugin) std::cout << " (was " << before[0] << ")";
     std::cout << "\n";
@@ -59,7 +60,7 @@ int remove(const Options& o) {
         std::cout << conf::kPluginName << " is not registered in " << o.file << "; nothing to do\n";
         return 0;
     }
-    conf::replace_file(o.file, c.text());
+    mv::tool::replace_file(o.file, c.text());
     std::cout << "removed " << conf::kPluginName << " from " << o.file << "\n";
     return 0;
 }
