@@ -13,6 +13,12 @@ FcfResult find_fcf(uint32_t handle, uint32_t wanted, fcf_info& rec, uint32_t& cu
     }
 }
 
+int lnode_by_wwpn(uint32_t handle, const uint8_t* wwpn, lnode_info& node) {
+    std::memset(&node, 0, sizeof node);
+    std::memcpy(node.port_wwn, wwpn, sizeof node.port_wwn);
+    return tusk_get_lnode_info_by_fcid(handle, &node, 1);
+}
+
 bool is_target(rnode_info& rec) {
     lower_in_place(rec.role);
     return field_text(rec.role) == "target";

@@ -75,6 +75,11 @@ WalkResult walk_rnodes(uint32_t handle, uint32_t lnode_id, rnode_info& rec, Visi
     }
 }
 
+// The local node whose port WWN is `wwpn`, as the driver looks it up: `node`
+// is zeroed, given the WWPN and filled by the driver. Returns the driver's
+// result.
+int lnode_by_wwpn(uint32_t handle, const uint8_t* wwpn, lnode_info& node);
+
 enum class FcfFound { Found, DriverFailed, Exhausted };
 
 struct FcfResult {

@@ -1,5 +1,7 @@
 #include "facade/request.h"
 
+#include "mirvak/mgmt.h"
+
 namespace mv::facade {
 
 int map_status(int status, int kind) {
@@ -7,20 +9,20 @@ int map_status(int status, int kind) {
     // these codes; the uneven rows are relied on as they stand.
     const bool port_like = kind == FCOE_KIND_PORT || kind == FCOE_KIND_VIRTUAL_PORT;
     switch (status) {
-        case 0:
+        case HBA_STATUS_OK:
             return FCOE_OK;
-        case 1:
-        case 2:
+        case HBA_STATUS_ERROR:
+        case HBA_STATUS_ERROR_NOT_SUPPORTED:
             return FCOE_ERR_FAILED;
-        case 3:
-        case 4:
+        case HBA_STATUS_ERROR_INVALID_HANDLE:
+        case HBA_STATUS_ERROR_ARG:
             return FCOE_ERR_BAD_ARGUMENT;
-        case 5:  // illegal WWN
-        case 6:  // illegal index
+        case HBA_STATUS_ERROR_ILLEGAL_WWN:
+        case HBA_STATUS_ERROR_ILLEGAL_INDEX:
             // A virtual-port request gets the port code 291, not 296; every
             // kind but port and virtual port gets the remote-port code.
             return port_like ? FCOE_ERR_PORT : FCOE_ERR_REMOTE_PORT;
-        case 100:  // the local port is offline or not initialised
+        case MIRVAK_STATUS_PORT_OFFLINE:  // the local port is offline or not initialised
             // A virtual-port request gets the port code 294; every kind but
             // port and virtual port gets the remote-port code 295.
             return port_like ? FCOE_ERR_PORT_OFFLINE : FCOE_ERR_REMOTE_PORT_OFFLINE;

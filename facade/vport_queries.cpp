@@ -52,10 +52,10 @@ int create_or_delete(const char* adapter, HBA_UINT16 op, unsigned char* a, unsig
     const HBA_UINT32 st =
         mirvak_CreateDelNPIV(req.handle(), static_cast<HBA_UINT32>(instance), op, b, a, c, d);
     req.close();
-    if (st == 0) return FCOE_OK;
+    if (st == HBA_STATUS_OK) return FCOE_OK;
     // Only a refused create has its own code; a refused delete is a plain
     // failure.
-    if (op == 0 && st == 40) return FCOE_ERR_NPIV_REFUSED;
+    if (op == MIRVAK_NPIV_CREATE && st == MIRVAK_STATUS_NPIV_REFUSED) return FCOE_ERR_NPIV_REFUSED;
     return FCOE_ERR_NPIV_FAILED;
 }
 
@@ -216,11 +216,11 @@ int MvFCoEIni::GetLunInfo(vport_in* key, char** buf, unsigned int* size) {
 int MvFCoEIni::CreateNPIV(const char* adapter, unsigned char* a, unsigned char* b, unsigned char* c,
                           unsigned char* d) {
     const mv::EntryLock entry_lock;
-    return create_or_delete(adapter, 0, a, b, c, d);
+    return create_or_delete(adapter, MIRVAK_NPIV_CREATE, a, b, c, d);
 }
 
 int MvFCoEIni::DeleteNPIV(const char* adapter, unsigned char* a, unsigned char* b, unsigned char* c,
                           unsigned char* d) {
     const mv::EntryLock entry_lock;
-    return create_or_delete(adapter, 1, a, b, c, d);
+    return create_or_delete(adapter, MIRVAK_NPIV_DELETE, a, b, c, d);
 }

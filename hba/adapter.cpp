@@ -2,26 +2,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/instance_map_internal.h"
 #include "driver/walks.h"
 #include "mirvak/driver_records.h"
 #include "mirvak/hba_plugin.h"
 #include "mirvak/instance_map.h"
-
-namespace {
-
-// Copy a driver text field (at most N characters, NUL or not) into a
-// standard record's larger text field.
-template <std::size_t N, std::size_t M>
-void copy_text(char (&dst)[M], const char (&src)[N]) {
-    static_assert(M > N, "the standard field holds the driver's whole field");
-    const std::string_view text = field_text(src);
-    std::memcpy(dst, text.data(), text.size());
-    dst[text.size()] = '\0';
-}
-
-}  // namespace
 
 extern "C" {
 
@@ -57,14 +44,14 @@ HBA_STATUS mirvak_GetAdapterAttributes(HBA_HANDLE handle, HBA_ADAPTERATTRIBUTES*
     const int status = tusk_get_hw_info(handle, &hw);
     if (status != 0) return static_cast<HBA_STATUS>(status);
 
-    copy_text(attr->Manufacturer, hw.manufacturer);
-    copy_text(attr->SerialNumber, hw.serial_num);
-    copy_text(attr->Model, hw.model);
+    mv::copy_text(attr->Manufacturer, hw.manufacturer);
+    mv::copy_text(attr->SerialNumber, hw.serial_num);
+    mv::copy_text(attr->Model, hw.model);
     // Every adapter reports this same node WWN; agents expect the constant.
     static const HBA_UINT8 kNodeWwn[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     std::memcpy(attr->NodeWWN.wwn, kNodeWwn, sizeof kNodeWwn);
-    copy_text(attr->HardwareVersion, hw.hw_version);
-    copy_text(attr->DriverVersion, hw.drv_version);
+    mv::copy_text(attr->HardwareVersion, hw.hw_version);
+    mv::copy_text(attr->DriverVersion, hw.drv_version);
 
     char scratch[256];
     std::snprintf(scratch, sizeof scratch, "%d", static_cast<int>(hw.optrom_version));

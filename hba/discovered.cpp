@@ -2,19 +2,11 @@
 // port, and the search of a port WWN among the local ports and targets.
 #include <cstring>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
 #include "mirvak/hba_plugin.h"
-
-namespace {
-
-constexpr uint32_t kOffline = 3;   // HBA_PORTSTATE_OFFLINE
-constexpr uint32_t kLinkDown = 6;  // HBA_PORTSTATE_LINKDOWN
-
-void copy_wwn(HBA_WWN& dst, const uint8_t (&src)[8]) { std::memcpy(dst.wwn, src, 8); }
-
-}  // namespace
 
 extern "C" {
 
@@ -34,9 +26,9 @@ HBA_STATUS mirvak_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port
                 // A node that is gone is not counted, yet it still writes its
                 // WWNs and a state into the caller's record; a later match
                 // overwrites them. Callers have always seen these writes.
-                attr->PortState = field_text(local.state) == "OFFLINE" ? kOffline : kLinkDown;
-                copy_wwn(attr->NodeWWN, r.node_wwn);
-                copy_wwn(attr->PortWWN, r.port_wwn);
+                attr->PortState = field_text(local.state) == "OFFLINE" ? HBA_PORTSTATE_OFFLINE : HBA_PORTSTATE_LINKDOWN;
+                mv::copy_wwn(attr->NodeWWN, r.node_wwn);
+                mv::copy_wwn(attr->PortWWN, r.port_wwn);
                 return true;
             }
             if (!mv::is_target(r)) return true;
@@ -45,8 +37,8 @@ HBA_STATUS mirvak_GetDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 port
                 return true;
             }
             attr->PortState = mv::rnode_port_state(r);
-            copy_wwn(attr->NodeWWN, r.node_wwn);
-            copy_wwn(attr->PortWWN, r.port_wwn);
+            mv::copy_wwn(attr->NodeWWN, r.node_wwn);
+            mv::copy_wwn(attr->PortWWN, r.port_wwn);
             attr->PortFcId = r.fcid;
             mv::or_class_of_service(attr->PortSupportedClassofService, r.cos);
             attr->NumberofDiscoveredPorts = local.num_rnodes;

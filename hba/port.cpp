@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
@@ -12,10 +13,6 @@
 #include "mirvak/port_helpers.h"
 
 namespace {
-
-constexpr const char* kFcHostDir = "/sys/class/fc_host";
-
-void copy_wwn(HBA_WWN& dst, const uint8_t (&src)[8]) { std::memcpy(dst.wwn, src, 8); }
 
 // PortSymbolicName takes the text now in OSDeviceName, which may be the
 // caller's own bytes: bounded to the field.
@@ -59,6 +56,29 @@ int fill_speed(uint32_t handle, const lnode_info& node, HBA_PORTATTRIBUTES& a) {
     return status;
 }
 
+// Entry `pos` of the list of all ports from its local node; returns the
+// last driver result (0 when the port needs no FCF or speed query).
+int fill_listed_port(HBA_HANDLE handle, const lnode_info& node, HBA_PORTATTRIBUTES* attrs, HBA_UINT32 pos,
+                     uint32_t& fcf_cursor) {
+    HBA_PORTATTRIBUTES& a = attrs[pos];
+    mv::copy_wwn(a.NodeWWN, node.node_wwn);
+    mv::copy_wwn(a.PortWWN, node.port_wwn);
+    // Every port's state lands in entry 0: agents read entry 0 as the
+    // state of the last port examined.
+    attrs[0].PortState = mv::lnode_port_state(node);
+    if (field_text(node.state) == "UNINIT") return 0;
+    a.PortFcId = node.fcid;
+    mv::or_class_of_service(a.PortSupportedClassofService, node.cos);
+    a.NumberofDiscoveredPorts = mirvak_GetNumTargets(handle, pos);
+    a.PortSupportedSpeed = 4;
+    copy_device_name_to_symbolic(a);
+    clear_fc4_types(a);
+    // For entries past 0 this is the state the caller left there.
+    if (a.PortState == HBA_PORTSTATE_LINKDOWN || a.PortState == HBA_PORTSTATE_OFFLINE) return 0;
+    fill_from_fcf(handle, node, a, fcf_cursor);
+    return fill_speed(handle, node, a);
+}
+
 }  // namespace
 
 extern "C" {
@@ -78,8 +98,8 @@ HBA_STATUS mirvak_GetAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 index, 
     if (!filled) return HBA_STATUS_ERROR_ILLEGAL_INDEX;
 
     HBA_PORTATTRIBUTES& a = *attr;
-    copy_wwn(a.NodeWWN, node.node_wwn);
-    copy_wwn(a.PortWWN, node.port_wwn);
+    mv::copy_wwn(a.NodeWWN, node.node_wwn);
+    mv::copy_wwn(a.PortWWN, node.port_wwn);
     a.PortState = mv::lnode_port_state(node);
     if (a.PortState == HBA_PORTSTATE_LINKDOWN) return HBA_STATUS_OK;
     a.PortFcId = node.fcid;
@@ -105,37 +125,18 @@ HBA_STATUS mirvak_GetAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 index, 
 HBA_STATUS mirvak_GetAllAdapterPortsAttributes(HBA_HANDLE handle, HBA_PORTATTRIBUTES* attrs, HBA_UINT32 count) {
     const mv::EntryLock entry_lock;
     if (handle == mv::kBadHandle) return static_cast<HBA_STATUS>(-1);
+    if (count == 0) return HBA_STATUS_OK;
     // One FCF cursor for all ports: each port's FCF walk goes on from where
     // the previous port's stopped.
     uint32_t fcf_cursor = mv::kEndCursor;
-    uint64_t cursor = 0;
     int last = 0;
     lnode_info node;
-    for (HBA_UINT32 pos = 0; pos != count; ++pos) {
-        std::memset(&node, 0, sizeof node);
-        last = tusk_get_lnode_info(handle, &node, cursor);
-        if (last != 0) return static_cast<HBA_STATUS>(last);
-        cursor = node.lnode_handle;
-        if (cursor == 0) return HBA_STATUS_OK;
-
-        HBA_PORTATTRIBUTES& a = attrs[pos];
-        copy_wwn(a.NodeWWN, node.node_wwn);
-        copy_wwn(a.PortWWN, node.port_wwn);
-        // Every port's state lands in entry 0: agents read entry 0 as the
-        // state of the last port examined.
-        attrs[0].PortState = mv::lnode_port_state(node);
-        if (field_text(node.state) == "UNINIT") continue;
-        a.PortFcId = node.fcid;
-        mv::or_class_of_service(a.PortSupportedClassofService, node.cos);
-        a.NumberofDiscoveredPorts = mirvak_GetNumTargets(handle, pos);
-        a.PortSupportedSpeed = 4;
-        copy_device_name_to_symbolic(a);
-        clear_fc4_types(a);
-        // For entries past 0 this is the state the caller left there.
-        if (a.PortState == HBA_PORTSTATE_LINKDOWN || a.PortState == HBA_PORTSTATE_OFFLINE) continue;
-        last = fill_from_fcf(handle, node, a, fcf_cursor);
-        last = fill_speed(handle, node, a);
-    }
+    const mv::WalkResult walk = mv::walk_lnodes(handle, node, [&](lnode_info& rec, uint64_t, uint32_t pos) {
+        last = fill_listed_port(handle, rec, attrs, pos, fcf_cursor);
+        return pos + 1 != count;
+    });
+    if (walk.end == mv::WalkEnd::DriverFailed) return static_cast<HBA_STATUS>(walk.status);
+    if (walk.end == mv::WalkEnd::ChainEnd) return HBA_STATUS_OK;
     return static_cast<HBA_STATUS>(last);
 }
 
@@ -175,7 +176,7 @@ int get_path_for_pwwn(const unsigned char* wwn, char* out) {
     char key[19];
     std::snprintf(key, sizeof key, "0x%02x%02x%02x%02x%02x%02x%02x%02x", wwn[0], wwn[1], wwn[2], wwn[3], wwn[4],
                   wwn[5], wwn[6], wwn[7]);
-    mv::host::Directory dir(kFcHostDir);
+    mv::host::Directory dir(mv::kFcHostDir);
     if (!dir.opened()) {
         errno = dir.open_errno();
         std::perror("opendir");
@@ -185,7 +186,7 @@ int get_path_for_pwwn(const unsigned char* wwn, char* out) {
     while (const char* name = dir.next()) {
         if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
         char path[512];
-        std::snprintf(path, sizeof path, "%s/%s/%s", kFcHostDir, name, "port_name");
+        std::snprintf(path, sizeof path, "%s/%s/%s", mv::kFcHostDir, name, "port_name");
         mv::host::File file(path);
         if (file.open_result() < 0) {
             // One unreadable entry ends the scan.
@@ -204,7 +205,7 @@ int get_path_for_pwwn(const unsigned char* wwn, char* out) {
         file.close();
         if (std::strncmp(word, key, std::strlen(key)) == 0) {
             // The host's folder, cut to 255 bytes and terminated.
-            std::snprintf(out, 256, "%s/%s", kFcHostDir, name);
+            std::snprintf(out, 256, "%s/%s", mv::kFcHostDir, name);
             result = 0;
             break;
         }

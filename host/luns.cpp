@@ -22,6 +22,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "host/sysfs_read.h"
 #include "host/sysfs_view.h"
@@ -29,8 +30,6 @@
 #include "host/lun_count.h"
 
 namespace {
-
-constexpr const char* kFcHostDir = "/sys/class/fc_host";
 
 // A path built with path_cat/str_cat, freed when it goes out of scope (the
 // walk used to keep only the last path of each kind; freeing each one as
@@ -81,7 +80,7 @@ public:
     // open or the index cannot be had, and every host is then visited.
     static const HostIndex* of_view() {
         if (auto* kept = dynamic_cast<const HostIndex*>(mv::host::view_memo())) return kept;
-        const mv::host::Listing* hosts = mv::host::view_listing(kFcHostDir);
+        const mv::host::Listing* hosts = mv::host::view_listing(mv::kFcHostDir);
         if (hosts == nullptr) return nullptr;
         try {
             auto made = std::make_unique<HostIndex>(*hosts);
@@ -97,7 +96,7 @@ public:
         for (std::size_t i = 0; i < names_.size(); ++i) {
             const char* name = names_[i].c_str();
             if (!has(name, "host")) continue;
-            const std::string host = std::string(kFcHostDir) + "/" + name;
+            const std::string host = std::string(mv::kFcHostDir) + "/" + name;
             const mv::host::Listing* entries = mv::host::view_listing(host.c_str());
             if (entries == nullptr) {  // not kept: always visited
                 noisy_.push_back(i);
@@ -141,14 +140,6 @@ private:
     std::unordered_map<unsigned long, std::vector<std::size_t>> by_wwn_;
     std::vector<std::size_t> noisy_;  // hosts that print whatever the local port
 };
-
-// Copies src into a text field of cap bytes, cut to fit, NUL included.
-void copy_text(char* dst, std::size_t cap, const char* src) {
-    std::size_t n = std::strlen(src);
-    if (n >= cap) n = cap - 1;
-    std::memcpy(dst, src, n);
-    dst[n] = '\0';
-}
 
 // A block link's name ("block:sdb") split at ':' the way strtok splits it:
 // `cut` is what strtok leaves of the name itself (any leading colons and the
@@ -227,7 +218,7 @@ private:
 };
 
 void LunWalk::run() {
-    Dir classes(kFcHostDir, "Error on closedir for dir", quiet_);
+    Dir classes(mv::kFcHostDir, "Error on closedir for dir", quiet_);
     if (const HostIndex* index = HostIndex::of_view()) {
         index->each_host(local_, [&](const char* name) { visit_host(name); });
     } else {
@@ -240,7 +231,7 @@ void LunWalk::run() {
 }
 
 void LunWalk::visit_host(const char* name) {
-    const Path host(path_cat(kFcHostDir, name));
+    const Path host(path_cat(mv::kFcHostDir, name));
     Dir host_dir(host.get(), "Error on closedir for host_dir", quiet_);
     while (const char* a = host_dir.next()) {
         if (!has(a, "port_name")) continue;
@@ -329,10 +320,10 @@ void LunWalk::walk_lun(const Path& target, const char* entry) {
         std::memset(text, 0, sizeof text);
         read_string(vendor.get(), text);
         std::memset(rec->vendor, 0, sizeof rec->vendor);
-        copy_text(rec->vendor, sizeof rec->vendor, text);
+        mv::copy_text(rec->vendor, sizeof rec->vendor, text);
     }
     say("BTL info Bus:port:target:lun -> %s\n", entry);
-    if (rec != nullptr) copy_text(rec->hctl, sizeof rec->hctl, entry);
+    if (rec != nullptr) mv::copy_text(rec->hctl, sizeof rec->hctl, entry);
 
     Dir lun_dir(lun.get(), "Error on closedir for scsi_disk", quiet_);
     while (const char* b = lun_dir.next()) {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
@@ -13,18 +14,7 @@
 
 namespace {
 
-constexpr HBA_UINT32 kBadHandleStatus = 0xFFFFFFFFu;
 constexpr HBA_UINT32 kNoSuchPort = HBA_STATUS_ERROR_ILLEGAL_INDEX;
-
-// A driver text into a record text: up to its NUL or the end of the source
-// field, always NUL-terminated within the destination.
-template <std::size_t N, std::size_t M>
-void copy_text(char (&dst)[N], const char (&src)[M]) {
-    const std::string_view text = field_text(src);
-    const std::size_t len = text.size() < N - 1 ? text.size() : N - 1;
-    std::memcpy(dst, text.data(), len);
-    dst[len] = '\0';
-}
 
 // The VLAN id of the FCF the port logged in through. A failed query leaves
 // 0 and reports the VLAN byte of the last FCF read; a list without the
@@ -73,7 +63,7 @@ HBA_UINT32 fill_port(HBA_HANDLE handle, const mv::PortKey& key, port_info& info)
 
 HBA_UINT32 mirvak_GetKXAdapterAttributes(HBA_HANDLE handle, adapter_info* info) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     hw_info hw;
     std::memset(&hw, 0, sizeof hw);
     const int status = tusk_get_hw_info(handle, &hw);
@@ -84,8 +74,8 @@ HBA_UINT32 mirvak_GetKXAdapterAttributes(HBA_HANDLE handle, adapter_info* info) 
     info->hw_word_292 = hw.tail.hw_word_292;
     info->hw_word_332 = hw.tail.hw_word_332;
     info->hw_word_192 = hw.hw_word_192;
-    copy_text(info->hw_text_246, hw.tail.hw_text_246);
-    copy_text(info->hw_text_296, hw.tail.hw_text_296);
+    mv::copy_text(info->hw_text_246, hw.tail.hw_text_246);
+    mv::copy_text(info->hw_text_296, hw.tail.hw_text_296);
     std::memset(info->hw_block_336, 0, sizeof info->hw_block_336);
     std::memcpy(info->hw_block_336, hw.tail.hw_block_336, sizeof info->hw_block_336);
     return HBA_STATUS_OK;
@@ -93,7 +83,7 @@ HBA_UINT32 mirvak_GetKXAdapterAttributes(HBA_HANDLE handle, adapter_info* info) 
 
 HBA_UINT32 mirvak_GetKXAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 port, port_info* info) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     mv::PortKey key;
     key.position = port;
     return fill_port(handle, key, *info);
@@ -101,20 +91,18 @@ HBA_UINT32 mirvak_GetKXAdapterPortAttributes(HBA_HANDLE handle, HBA_UINT32 port,
 
 HBA_UINT32 mirvak_GetKXAdapterPortAttributes_by_wwpn(HBA_HANDLE handle, const port_info* key, port_info* info) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     // The key is read whole before anything is written: it may be *info.
     return fill_port(handle, mv::key_of(*key), *info);
 }
 
 HBA_UINT32 mirvak_GetNumTargets_by_wwpn(HBA_HANDLE handle, const port_info* key) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     lnode_info node;
-    std::memset(&node, 0, sizeof node);
-    std::memcpy(node.port_wwn, key->attributes.PortWWN.wwn, sizeof node.port_wwn);
-    if (tusk_get_lnode_info_by_fcid(handle, &node, 1) != 0) {
+    if (mv::lnode_by_wwpn(handle, key->attributes.PortWWN.wwn, node) != 0) {
         std::puts("mirvak_GetNumTargets_by_wwpn: Error fetching LNode info");
-        return kBadHandleStatus;
+        return mv::kBadHandleStatus;
     }
     // Targets count whatever their state: agents see an offline or vanished
     // target in the number.

@@ -9,6 +9,7 @@
 #include <new>
 #include <vector>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/walks.h"
 #include "host/lun_count.h"
@@ -19,10 +20,6 @@
 #include "mgmt/lun_fill.h"
 
 namespace {
-
-constexpr HBA_UINT32 kBadHandleStatus = 0xFFFFFFFFu;
-
-bool both_wwns_given(const vport_in& key) { return mv::wwn_given(key.vport_wwpn) && mv::wwn_given(key.rport_wwpn); }
 
 // How the walk for the key's port and target ended.
 struct LunSearch {
@@ -75,10 +72,10 @@ HBA_UINT32 mirvak_GetKXLunInfo(HBA_HANDLE handle, const vport_in* key, lun_info*
 }
 
 HBA_UINT32 mv::kx_lun_info(HBA_HANDLE handle, const vport_in* key, lun_info* luns, std::size_t capacity) {
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     // The LUNs are counted, then listed: each sysfs file read once.
     mv::host::SysfsRequest sysfs;
-    if (both_wwns_given(*key)) {
+    if (mv::both_wwns_given(*key)) {
         // As getLuninfo(luns, local, remote): no more records than a silent
         // count finds, and no more than the caller has room for.
         const unsigned long local = charArrayToLong(key->vport_wwpn);
@@ -136,9 +133,9 @@ HBA_UINT32 mv::kx_lun_info(HBA_HANDLE handle, const vport_in* key, lun_info* lun
 
 HBA_UINT32 mirvak_GetKXLunCount(HBA_HANDLE handle, const vport_in* key, int* count) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     mv::host::SysfsRequest sysfs;  // each sysfs file read once in this call
-    if (both_wwns_given(*key)) {
+    if (mv::both_wwns_given(*key)) {
         *count = static_cast<int>(getNumLuns(charArrayToLong(key->vport_wwpn), charArrayToLong(key->rport_wwpn)));
         return HBA_STATUS_OK;
     }
@@ -167,7 +164,7 @@ HBA_UINT32 mirvak_GetKXVPortLunInfo_by_wwn(HBA_HANDLE, const unsigned char* loca
 HBA_UINT32 mirvak_GetKXVPortLunInfo(HBA_HANDLE handle, HBA_UINT32, HBA_UINT32, HBA_UINT32, lun_info** luns,
                                     unsigned int* count) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     *luns = nullptr;
     *count = 0;
     return HBA_STATUS_OK;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
@@ -14,27 +15,17 @@
 
 namespace {
 
-constexpr HBA_UINT32 kBadHandleStatus = 0xFFFFFFFFu;
 constexpr HBA_UINT32 kNoTarget = HBA_STATUS_ERROR_ILLEGAL_INDEX;
 constexpr HBA_UINT32 kNoMemory = HBA_STATUS_ERROR;
 // A buffer the caller hands in is taken to hold this much; an answer that
 // needs more gets a grown buffer.
 constexpr std::size_t kCallerBuffer = 0x40000;
 
-// A NUL-terminated copy of a text, cut to fit the destination.
-template <std::size_t N, std::size_t M>
-void copy_text(char (&dst)[N], const char (&src)[M]) {
-    const std::string_view text = field_text(src);
-    const std::size_t len = text.size() < N - 1 ? text.size() : N - 1;
-    std::memcpy(dst, text.data(), len);
-    dst[len] = '\0';
-}
-
 bool local_uninit(const lnode_info& node) { return field_text(node.state) == "UNINIT"; }
 
 // The driver's identifiers of a remote port and its (lower-cased) role.
 void copy_rnode_ids(const rnode_info& remote, port_info& info) {
-    copy_text(info.role, remote.role);
+    mv::copy_text(info.role, remote.role);
     info.lnode_id = remote.rnode_word_4;
     info.rnode_index = remote.rnode_index;
     info.rnode_byte_12 = remote.rnode_byte_12;
@@ -47,17 +38,11 @@ void fill_remote_attributes(const rnode_info& remote, port_info& info) {
     std::memcpy(info.attributes.PortWWN.wwn, remote.port_wwn, 8);
     info.attributes.PortFcId = remote.fcid;
     info.rnode_index = remote.rnode_index;
-    copy_text(info.role, remote.role);
+    mv::copy_text(info.role, remote.role);
     // Agents read the class numbers OR'ed together, not one bit per class.
     uint32_t classes = info.attributes.PortSupportedClassofService;
     mv::or_class_of_service(classes, remote.cos);
     info.attributes.PortSupportedClassofService = classes;
-}
-
-int lnode_by_wwpn(HBA_HANDLE handle, const uint8_t* wwpn, lnode_info& node) {
-    std::memset(&node, 0, sizeof node);
-    std::memcpy(node.port_wwn, wwpn, sizeof node.port_wwn);
-    return tusk_get_lnode_info_by_fcid(handle, &node, 1);
 }
 
 // Put `bytes` of `from` into the caller's buffer *to, first growing it with
@@ -80,7 +65,7 @@ bool copy_out(char** to, const void* from, std::size_t bytes) {
 HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 lnode, HBA_UINT32 target,
                                                 port_info* info) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     lnode_info node;
     rnode_info remote;
     std::memset(&remote, 0, sizeof remote);
@@ -120,9 +105,9 @@ HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes(HBA_HANDLE handle, HBA_UINT32 ln
 HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes_by_wwpn(HBA_HANDLE handle, const port_info* key, char** ports,
                                                         unsigned int* size, char** stats) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     lnode_info node;
-    const int status = lnode_by_wwpn(handle, key->attributes.PortWWN.wwn, node);
+    const int status = mv::lnode_by_wwpn(handle, key->attributes.PortWWN.wwn, node);
     if (status != 0) {
         std::puts("tusk_get_lnode_info_by_fcid failed");
         return static_cast<HBA_UINT32>(status);
@@ -159,7 +144,7 @@ HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes_by_wwpn(HBA_HANDLE handle, const
         if (slot >= count) return false;
         found = true;
         port_info& info = list[slot];
-        copy_text(info.adapter_name, key->adapter_name);
+        mv::copy_text(info.adapter_name, key->adapter_name);
         info.rport_index = slot;
         info.port_num = node.port_num;
         info.rnode_index = r.rnode_index;
@@ -209,9 +194,9 @@ HBA_UINT32 mirvak_GetKXDiscoveredPortAttributes_by_wwpn(HBA_HANDLE handle, const
 HBA_UINT32 mirvak_GetAllRPortsForVPort(HBA_HANDLE handle, const unsigned char* wwpn, port_info** ports,
                                        unsigned int* count, port_stats** stats, bool with_stats) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     lnode_info node;
-    const int status = lnode_by_wwpn(handle, wwpn, node);
+    const int status = mv::lnode_by_wwpn(handle, wwpn, node);
     if (status != 0) {
         std::puts("Invalid LNode WWPN!");
         return static_cast<HBA_UINT32>(status);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
@@ -10,15 +11,6 @@
 #include "mirvak/mgmt.h"
 
 namespace {
-
-constexpr HBA_UINT32 kBadHandleStatus = 0xFFFFFFFFu;
-
-// The local node with this WWPN, as the driver looks it up.
-int lnode_by_wwpn(HBA_HANDLE handle, const uint8_t (&wwpn)[8], lnode_info& node) {
-    std::memset(&node, 0, sizeof node);
-    std::memcpy(node.port_wwn, wwpn, sizeof node.port_wwn);
-    return tusk_get_lnode_info_by_fcid(handle, &node, 1);
-}
 
 // The first target of the local node whose port WWN is `wwpn`; `passed`
 // counts the targets before it. remote holds the last record read.
@@ -34,13 +26,11 @@ bool find_target_by_wwpn(HBA_HANDLE handle, uint32_t lnode_id, const uint8_t (&w
     return found;
 }
 
-bool both_wwns_given(const vport_in& key) { return mv::wwn_given(key.vport_wwpn) && mv::wwn_given(key.rport_wwpn); }
-
 }  // namespace
 
 HBA_UINT32 mirvak_GetKXPortStatistics(HBA_HANDLE handle, const port_info* key, port_stats* stats) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     const mv::PortKey wanted = mv::key_of(*key);
     std::memset(&stats->hba_stats, 0, sizeof stats->hba_stats);
     lnode_info node;
@@ -75,11 +65,11 @@ HBA_UINT32 mirvak_GetKXPortStatistics(HBA_HANDLE handle, const port_info* key, p
 
 HBA_UINT32 mirvak_GetKXVPortStatistics(HBA_HANDLE handle, const unsigned char* vport_wwpn, port_stats* stats) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     uint8_t wwpn[8];
     std::memcpy(wwpn, vport_wwpn, sizeof wwpn);
     lnode_info node;
-    const int status = lnode_by_wwpn(handle, wwpn, node);
+    const int status = mv::lnode_by_wwpn(handle, wwpn, node);
     if (status != 0) {
         std::puts("Invalid Virtual Port WWPN!");
         return static_cast<HBA_UINT32>(status);
@@ -92,13 +82,13 @@ HBA_UINT32 mirvak_GetKXVPortStatistics(HBA_HANDLE handle, const unsigned char* v
 
 HBA_UINT32 mirvak_GetDiscoveredPortStats(HBA_HANDLE handle, const vport_in* key, port_stats* stats) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     lnode_info node;
     rnode_info remote;
     uint32_t number = 0;
     bool found = false;
-    if (both_wwns_given(*key)) {
-        if (lnode_by_wwpn(handle, key->vport_wwpn, node) != 0) {
+    if (mv::both_wwns_given(*key)) {
+        if (mv::lnode_by_wwpn(handle, key->vport_wwpn, node) != 0) {
             std::puts("mirvak_GetDiscoveredPortStats:: Error Fetching LNode Info");
             return HBA_STATUS_ERROR_ILLEGAL_WWN;
         }
@@ -135,15 +125,15 @@ HBA_UINT32 mirvak_GetDiscoveredPortStats(HBA_HANDLE handle, const vport_in* key,
 HBA_UINT32 mirvak_GetRPortsStatsForVPort(HBA_HANDLE handle, const unsigned char*, port_stats* stats,
                                          const vport_in* key) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     lnode_info node;
     rnode_info remote;
     std::memset(&node, 0, sizeof node);
     std::memset(&remote, 0, sizeof remote);
     const uint16_t rport_index = key->rport_index;
     bool found = false;
-    if (both_wwns_given(*key)) {
-        if (lnode_by_wwpn(handle, key->vport_wwpn, node) != 0) {
+    if (mv::both_wwns_given(*key)) {
+        if (mv::lnode_by_wwpn(handle, key->vport_wwpn, node) != 0) {
             std::puts("mirvak_GetRPortsStatsForVPort:: Error Fetching LNode Info");
             return HBA_STATUS_ERROR_ILLEGAL_WWN;
         }

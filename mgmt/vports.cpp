@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "driver/common.h"
 #include "driver/entry_lock.h"
 #include "driver/port_rules.h"
 #include "driver/walks.h"
@@ -11,11 +12,6 @@
 #include "mirvak/mgmt.h"
 
 namespace {
-
-constexpr HBA_UINT32 kBadHandleStatus = 0xFFFFFFFFu;
-// Our own code for a request the driver refused and marked as refused;
-// agents read 40 as that condition.
-constexpr HBA_UINT32 kNpivRefused = 40;
 
 // The physical port's MAC and, when the port reports a speed, its speed in
 // the agents' own codes (not the standard's bit values: agents decode them
@@ -36,9 +32,7 @@ void fill_from_hardware(HBA_HANDLE handle, uint8_t port_num, port_info& info) {
 // on to keep the list's positions.
 void fill_vport(HBA_HANDLE handle, const uint8_t (&wwpn)[8], uint32_t position, port_info& info) {
     lnode_info node;
-    std::memset(&node, 0, sizeof node);
-    std::memcpy(node.port_wwn, wwpn, sizeof node.port_wwn);
-    (void)tusk_get_lnode_info_by_fcid(handle, &node, 1);
+    (void)mv::lnode_by_wwpn(handle, wwpn, node);
 
     mv::copy_lnode_fields(node, info);
     info.port_num = position;
@@ -64,7 +58,7 @@ void fill_vport(HBA_HANDLE handle, const uint8_t (&wwpn)[8], uint32_t position, 
 HBA_UINT32 mirvak_GetAllVPortsForPort(HBA_HANDLE handle, const unsigned char* wwpn, port_info* ports,
                                       HBA_UINT32 expected) {
     const mv::EntryLock entry_lock;
-    if (handle == mv::kBadHandle) return kBadHandleStatus;
+    if (handle == mv::kBadHandle) return mv::kBadHandleStatus;
     auto* list = static_cast<npiv_list*>(std::malloc(sizeof(npiv_list)));
     if (list == nullptr) return HBA_STATUS_ERROR;
     std::memset(list, 0, sizeof *list);
@@ -103,10 +97,10 @@ HBA_UINT32 mirvak_CreateDelNPIV(HBA_HANDLE handle, HBA_UINT32, HBA_UINT16 op, co
     std::memcpy(req.wwn_16, third, sizeof req.wwn_16);
     std::memcpy(req.wwn_24, fourth, sizeof req.wwn_24);
 
-    const int status = op == 0 ? tusk_create_npiv_port(handle, &req) : tusk_delete_npiv_port(handle, &req);
+    const int status = op == MIRVAK_NPIV_CREATE ? tusk_create_npiv_port(handle, &req) : tusk_delete_npiv_port(handle, &req);
     if (status == 0) return HBA_STATUS_OK;
     std::printf("mirvak_CreateDelNPIV:: NPIV op[%d] failed %d\n", op, status);
     const int32_t marker = req.status;
-    if (marker == NPIV_REQ_REFUSED) return kNpivRefused;
+    if (marker == NPIV_REQ_REFUSED) return MIRVAK_STATUS_NPIV_REFUSED;
     return static_cast<HBA_UINT32>(status);
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "codes.h"
+#include "facade/keys.h"
 #include "records.h"
 
 using nlohmann::json;
@@ -35,37 +36,19 @@ struct MallocBlock {
     MallocBlock& operator=(const MallocBlock&) = delete;
 };
 
-void put_name(char (&field)[256], const std::string& name) {
-    std::memset(field, 0, sizeof field);
-    std::memcpy(field, name.data(), std::min(name.size(), sizeof field - 1));
-}
-
 port_info port_key(const std::string& adapter, const Selection& sel) {
-    port_info key;
-    std::memset(&key, 0, sizeof key);
-    put_name(key.adapter_name, adapter);
-    key.port_num = sel.port.value_or(0);
-    if (sel.wwpn) std::memcpy(key.attributes.PortWWN.wwn, sel.wwpn->data(), 8);
-    return key;
+    return mv::facade::port_key(adapter, sel.port.value_or(0), sel.wwpn ? sel.wwpn->data() : nullptr);
 }
 
 // The key of the remote-port, virtual-port and LUN requests. The local port
 // goes into the virtual-port WWPN field whether it is virtual or physical:
 // the extended functions name a remote port by that pair.
 vport_in vport_key(const std::string& adapter, const Selection& sel) {
-    vport_in key;
-    std::memset(&key, 0, sizeof key);
-    put_name(key.adapter_name, adapter);
-    key.port_num = static_cast<uint16_t>(sel.port.value_or(0));
-    key.vport_index = static_cast<uint16_t>(sel.vport.value_or(0));
-    key.rport_index = static_cast<uint16_t>(sel.rport.value_or(0));
-    if (sel.vport_wwpn) {
-        std::memcpy(key.vport_wwpn, sel.vport_wwpn->data(), 8);
-    } else if (sel.wwpn) {
-        std::memcpy(key.vport_wwpn, sel.wwpn->data(), 8);
-    }
-    if (sel.rport_wwpn) std::memcpy(key.rport_wwpn, sel.rport_wwpn->data(), 8);
-    return key;
+    const std::optional<Wwn>& local = sel.vport_wwpn ? sel.vport_wwpn : sel.wwpn;
+    return mv::facade::vport_key(adapter, static_cast<uint16_t>(sel.port.value_or(0)),
+                                 static_cast<uint16_t>(sel.vport.value_or(0)),
+                                 static_cast<uint16_t>(sel.rport.value_or(0)), local ? local->data() : nullptr,
+                                 sel.rport_wwpn ? sel.rport_wwpn->data() : nullptr);
 }
 
 // The records of an answer, each copied out of the byte stream.

@@ -8,13 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 
 namespace mv::hbaconf {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 bool blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
@@ -153,47 +150,6 @@ std::string link_target(const std::string& file) {
         if (ec) throw std::runtime_error("cannot follow the link " + file + ": " + ec.message());
     }
     return target.string();
-}
-
-void replace_file(const std::string& file, const std::string& bytes) {
-    const fs::path target = link_target(file);
-    struct stat old {};
-    const bool existed = stat(target.c_str(), &old) == 0;
-    if (!existed && errno != ENOENT) throw system_error("cannot look at", target.string(), errno);
-
-    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    std::string temp = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
-    const int fd = mkstemp(temp.data());
-    if (fd < 0) throw system_error("cannot create a new file in", folder.string(), errno);
-
-    int err = 0;
-    std::string failed;
-    std::size_t done = 0;
-    while (err == 0 && done < bytes.size()) {
-        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) err = errno, failed = "cannot write";
-        else done += static_cast<std::size_t>(n);
-    }
-    const mode_t mode = existed ? (old.st_mode & 07777) : 0644;
-    if (err == 0 && fchmod(fd, mode) != 0) err = errno, failed = "cannot set the mode of";
-    struct stat mine {};
-    if (err == 0 && existed && fstat(fd, &mine) == 0 && (mine.st_uid != old.st_uid || mine.st_gid != old.st_gid) &&
-        fchown(fd, old.st_uid, old.st_gid) != 0)
-        err = errno, failed = "cannot give the old owner to";
-    if (err == 0 && fsync(fd) != 0) err = errno, failed = "cannot write";
-    if (close(fd) != 0 && err == 0) err = errno, failed = "cannot write";
-    if (err == 0 && rename(temp.c_str(), target.c_str()) != 0) err = errno, failed = "cannot replace " + target.string() + " by";
-    if (err != 0) {
-        unlink(temp.c_str());
-        throw system_error(failed, temp, err);
-    }
-    // The rename itself reaches the disk with the folder.
-    const int dir = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) {
-        fsync(dir);
-        close(dir);
-    }
 }
 
 FileLock::FileLock(const std::string& file) {

@@ -51,11 +51,7 @@ bool remove(Conf& conf);
 // The file's bytes; an absent file reads as empty (exists is then false).
 // Throws std::runtime_error when it cannot be read or is too large.
 std::string read_file(const std::string& file, bool* exists);
-// Replaces the file's contents at once: the bytes go into a new file in the
-// same folder with the old file's mode and owner (0644 and the caller for a
-// new file), which is then renamed over it. A symbolic link is followed and
-// stays. Throws std::runtime_error, leaving the file as it was.
-void replace_file(const std::string& file, const std::string& bytes);
+// The file is written back with mv::tool::replace_file (replace_file.h).
 
 // The file a symbolic link at `file` leads to (`file` itself when it is no
 // link). Throws std::runtime_error when the link cannot be followed.

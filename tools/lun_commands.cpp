@@ -291,6 +291,119 @@ std::string failure_text(const char* what, const std::string& device, HBA_STATUS
 
 }  // namespace
 
+namespace {
+
+// The device the library will send the command to, checked to be the LUN
+// the user means.
+struct Addressed {
+    std::string device;
+    const HostLun* lun = nullptr;  // among the host's LUNs of the target
+    uint64_t fcp_lun = 0;
+};
+
+// The LUN the user means: that LUN's device, or for REPORT LUNS any LUN of
+// the target.
+const HostLun& wanted_lun(const ScsiRequest& r, const std::vector<HostLun>& luns) {
+    const bool by_lun = r.op != ScsiOp::ReportLuns;
+    for (const HostLun& l : luns)
+        if (!by_lun || l.lun == static_cast<int>(r.lun)) return l;
+    throw RequestFailed(HBA_STATUS_ERROR_INVALID_LUN,
+                        "target " + wwn_text(r.target) + " has " +
+                            (by_lun ? "no LUN " + std::to_string(r.lun) + " (its LUNs: " + lun_list(luns) + ")"
+                                    : std::string("no LUNs")));
+}
+
+// The device the library will send to: it looks the LUN up by the local
+// port and the LUN number (INQUIRY), or takes the port's first LUN
+// (REPORT LUNS, READ CAPACITY); the target is not part of its lookup.
+Addressed address(HBA_HANDLE h, const ScsiRequest& r, const Route& route, const std::vector<HostLun>& luns) {
+    const bool by_lun = r.op != ScsiOp::ReportLuns;
+    const HostLun& wanted = wanted_lun(r, luns);
+    Addressed a;
+    a.fcp_lun = static_cast<uint64_t>(r.lun) << 48;
+    const HBA_UINT32 first = r.op == ScsiOp::Inquiry ? 0 : 1;
+    char path[256] = {};
+    const int lookup = GetDeviceFromFCPLunOrPortWWN(h, first ? 0 : a.fcp_lun, 0, to_hba(route.local),
+                                                    to_hba(r.target), path, first);
+    if (lookup != 0)
+        throw RequestFailed(lookup, "cannot find the LUN's device: " + describe_hba_status(static_cast<unsigned>(lookup)));
+    path[sizeof path - 1] = '\0';
+    a.device = path;
+    for (const HostLun& l : luns)
+        if (l.device == a.device && (!by_lun || l.lun == static_cast<int>(r.lun))) a.lun = &l;
+    if (a.lun != nullptr) return a;
+    std::string what = by_lun ? "LUN " + std::to_string(r.lun) + " of target " + wwn_text(r.target) + " (" +
+                                    wanted.device + ")"
+                              : "target " + wwn_text(r.target);
+    throw RequestFailed(HBA_STATUS_ERROR_NOT_A_TARGET,
+                        std::string(op_name(r.op)) + " not sent: the library addresses " +
+                            (first ? "the first LUN of the local port" : "a LUN by its local port and LUN number alone") +
+                            ", which here is " + (a.device.empty() ? std::string("no device at all") : a.device) +
+                            " and not " + what);
+}
+
+// Throws when the library failed or the target answered with sense data.
+void check_answer(const char* what, const std::string& device, HBA_STATUS st, const uint8_t* sense,
+                  std::size_t sense_size) {
+    if (st != HBA_STATUS_OK || decode_sense(sense, sense_size))
+        throw RequestFailed(st != HBA_STATUS_OK ? static_cast<int>(st) : HBA_STATUS_SCSI_CHECK_CONDITION,
+                            failure_text(what, device, st, sense, sense_size));
+}
+
+HBA_STATUS send_inquiry(HBA_HANDLE h, const HBA_WWN& port_wwn, const ScsiRequest& r, const Addressed& a, json& d) {
+    // The library transfers 96 bytes whatever the buffer, and puts the
+    // buffer size into the command: it is given exactly that.
+    uint8_t rsp[96] = {};
+    uint8_t sense[32] = {};
+    const uint8_t evpd = r.page ? 1 : 0;
+    const HBA_STATUS st = mirvak_SendScsiInquiry(h, port_wwn, a.fcp_lun, evpd, r.page.value_or(0), rsp, sizeof rsp,
+                                                 sense, sizeof sense);
+    check_answer("INQUIRY", a.device, st, sense, sizeof sense);
+    if (r.page) {
+        d["page"] = *r.page;
+        d["vpd"] = decode_vpd(rsp, sizeof rsp);
+    } else {
+        d["inquiry"] = decode_inquiry(rsp, sizeof rsp);
+    }
+    return st;
+}
+
+HBA_STATUS send_report_luns(HBA_HANDLE h, const HBA_WWN& port_wwn, const Addressed& a, json& d) {
+    std::vector<uint8_t> rsp(1024);  // the library's fixed transfer length
+    uint8_t sense[32] = {};
+    const HBA_STATUS st =
+        mirvak_SendReportLUNs(h, port_wwn, rsp.data(), static_cast<HBA_UINT32>(rsp.size()), sense, sizeof sense);
+    check_answer("REPORT LUNS", a.device, st, sense, sizeof sense);
+    d["report_luns"] = decode_report_luns(rsp.data(), rsp.size());
+    return st;
+}
+
+HBA_STATUS send_read_capacity(HBA_HANDLE h, const HBA_WWN& port_wwn, const Addressed& a, json& d) {
+    // Filled with a pattern: the library may leave both buffers as they
+    // are, and then they must not be read as an answer.
+    constexpr uint8_t kUntouched = 0xa5;
+    const auto untouched = [](const uint8_t* p, std::size_t n) {
+        return std::all_of(p, p + n, [](uint8_t b) { return b == kUntouched; });
+    };
+    uint8_t rsp[32];
+    uint8_t sense[32];
+    std::memset(rsp, kUntouched, sizeof rsp);
+    std::memset(sense, kUntouched, sizeof sense);
+    const HBA_STATUS st = mirvak_SendReadCapacity(h, port_wwn, a.fcp_lun, rsp, sizeof rsp, sense, sizeof sense);
+    check_answer("READ CAPACITY(16)", a.device, st, sense, untouched(sense, sizeof sense) ? 0 : sizeof sense);
+    const bool returned = !untouched(rsp, sizeof rsp);
+    d["data_returned"] = returned;
+    if (returned) {
+        d["capacity"] = decode_read_capacity16(rsp, sizeof rsp);
+    } else {
+        d["host_size_sectors"] = a.lun->sectors;
+        d["host_size_bytes"] = a.lun->sectors * 512;
+    }
+    return st;
+}
+
+}  // namespace
+
 Outcome scsi_command(Session& s, const ScsiRequest& r) {
     const std::string name = s.adapter_name(r.sel.adapter);
     OpenAdapter open(name);
@@ -299,113 +412,22 @@ Outcome scsi_command(Session& s, const ScsiRequest& r) {
     const HBA_HANDLE h = open.handle();
     const Route route = find_route(h, name, r);
     const std::vector<HostLun> luns = host_luns(route.local, r.target);
-
-    // The LUN the user means, and the devices that may answer: that LUN's,
-    // or for REPORT LUNS any LUN of the target.
-    const bool by_lun = r.op != ScsiOp::ReportLuns;
-    const HostLun* wanted = nullptr;
-    for (const HostLun& l : luns) {
-        if (!by_lun || l.lun == static_cast<int>(r.lun)) {
-            wanted = &l;
-            break;
-        }
-    }
-    if (wanted == nullptr)
-        throw RequestFailed(HBA_STATUS_ERROR_INVALID_LUN,
-                            "target " + wwn_text(r.target) + " has " +
-                                (by_lun ? "no LUN " + std::to_string(r.lun) + " (its LUNs: " + lun_list(luns) + ")"
-                                        : std::string("no LUNs")));
-
-    // The device the library will send to: it looks the LUN up by the local
-    // port and the LUN number (INQUIRY), or takes the port's first LUN
-    // (REPORT LUNS, READ CAPACITY); the target is not part of its lookup.
-    const uint64_t fcp_lun = static_cast<uint64_t>(r.lun) << 48;
-    const HBA_UINT32 first = r.op == ScsiOp::Inquiry ? 0 : 1;
-    char path[256] = {};
-    const int lookup = GetDeviceFromFCPLunOrPortWWN(h, first ? 0 : fcp_lun, 0, to_hba(route.local), to_hba(r.target),
-                                                    path, first);
-    if (lookup != 0)
-        throw RequestFailed(lookup, "cannot find the LUN's device: " + describe_hba_status(static_cast<unsigned>(lookup)));
-    path[sizeof path - 1] = '\0';
-    const std::string device = path;
-    const HostLun* addressed = nullptr;
-    for (const HostLun& l : luns)
-        if (l.device == device && (!by_lun || l.lun == static_cast<int>(r.lun))) addressed = &l;
-    if (addressed == nullptr) {
-        std::string what = by_lun ? "LUN " + std::to_string(r.lun) + " of target " + wwn_text(r.target) + " (" +
-                                        wanted->device + ")"
-                                  : "target " + wwn_text(r.target);
-        throw RequestFailed(
-            HBA_STATUS_ERROR_NOT_A_TARGET,
-            std::string(op_name(r.op)) + " not sent: the library addresses " +
-                (first ? "the first LUN of the local port" : "a LUN by its local port and LUN number alone") +
-                ", which here is " + (device.empty() ? std::string("no device at all") : device) + " and not " +
-                what);
-    }
+    const Addressed a = address(h, r, route, luns);
 
     json d{{"command", op_name(r.op)},
            {"adapter_name", name},
            {"port_num", route.port.index},
            {"port_wwn", wwn_text(route.local)},
            {"target_wwn", wwn_text(r.target)},
-           {"lun", addressed->lun},
-           {"device", device},
-           {"hctl", addressed->hctl}};
-    uint8_t sense[32] = {};
+           {"lun", a.lun->lun},
+           {"device", a.device},
+           {"hctl", a.lun->hctl}};
     const HBA_WWN port_wwn = to_hba(route.local);
     HBA_STATUS st = HBA_STATUS_OK;
     switch (r.op) {
-        case ScsiOp::Inquiry: {
-            // The library transfers 96 bytes whatever the buffer, and puts
-            // the buffer size into the command: it is given exactly that.
-            uint8_t rsp[96] = {};
-            const uint8_t evpd = r.page ? 1 : 0;
-            st = mirvak_SendScsiInquiry(h, port_wwn, fcp_lun, evpd, r.page.value_or(0), rsp, sizeof rsp, sense,
-                                        sizeof sense);
-            if (st != HBA_STATUS_OK || decode_sense(sense, sizeof sense))
-                throw RequestFailed(st != HBA_STATUS_OK ? static_cast<int>(st) : HBA_STATUS_SCSI_CHECK_CONDITION,
-                                    failure_text("INQUIRY", device, st, sense, sizeof sense));
-            if (r.page) {
-                d["page"] = *r.page;
-                d["vpd"] = decode_vpd(rsp, sizeof rsp);
-            } else {
-                d["inquiry"] = decode_inquiry(rsp, sizeof rsp);
-            }
-            break;
-        }
-        case ScsiOp::ReportLuns: {
-            std::vector<uint8_t> rsp(1024);  // the library's fixed transfer length
-            st = mirvak_SendReportLUNs(h, port_wwn, rsp.data(), static_cast<HBA_UINT32>(rsp.size()), sense,
-                                       sizeof sense);
-            if (st != HBA_STATUS_OK || decode_sense(sense, sizeof sense))
-                throw RequestFailed(st != HBA_STATUS_OK ? static_cast<int>(st) : HBA_STATUS_SCSI_CHECK_CONDITION,
-                                    failure_text("REPORT LUNS", device, st, sense, sizeof sense));
-            d["report_luns"] = decode_report_luns(rsp.data(), rsp.size());
-            break;
-        }
-        case ScsiOp::ReadCapacity: {
-            // Filled with a pattern: the library may leave both buffers as
-            // they are, and then they must not be read as an answer.
-            constexpr uint8_t kUntouched = 0xa5;
-            uint8_t rsp[32];
-            std::memset(rsp, kUntouched, sizeof rsp);
-            std::memset(sense, kUntouched, sizeof sense);
-            st = mirvak_SendReadCapacity(h, port_wwn, fcp_lun, rsp, sizeof rsp, sense, sizeof sense);
-            const bool sense_written = !std::all_of(sense, sense + sizeof sense, [](uint8_t b) { return b == kUntouched; });
-            if (st != HBA_STATUS_OK || (sense_written && decode_sense(sense, sizeof sense)))
-                throw RequestFailed(st != HBA_STATUS_OK ? static_cast<int>(st) : HBA_STATUS_SCSI_CHECK_CONDITION,
-                                    failure_text("READ CAPACITY(16)", device, st, sense,
-                                                 sense_written ? sizeof sense : 0));
-            const bool returned = !std::all_of(rsp, rsp + sizeof rsp, [](uint8_t b) { return b == kUntouched; });
-            d["data_returned"] = returned;
-            if (returned) {
-                d["capacity"] = decode_read_capacity16(rsp, sizeof rsp);
-            } else {
-                d["host_size_sectors"] = addressed->sectors;
-                d["host_size_bytes"] = addressed->sectors * 512;
-            }
-            break;
-        }
+        case ScsiOp::Inquiry: st = send_inquiry(h, port_wwn, r, a, d); break;
+        case ScsiOp::ReportLuns: st = send_report_luns(h, port_wwn, a, d); break;
+        case ScsiOp::ReadCapacity: st = send_read_capacity(h, port_wwn, a, d); break;
     }
     add_hba_status(d, "status", st);
     Outcome o;

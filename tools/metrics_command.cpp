@@ -1,12 +1,6 @@
 #include "metrics_command.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
-#include <filesystem>
 
 #include "codes.h"
 #include "metrics.h"
@@ -15,52 +9,19 @@ namespace mv::tool {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& what, int err) {
-    throw RequestFailed(FCOE_ERR_FAILED, what + ": " + std::strerror(err));
+// The metrics file's own wording of a failed replacement.
+[[noreturn]] void fail(const ReplaceFailed& e, const std::string& file) {
+    std::string message = e.what();
+    switch (e.step) {
+        case ReplaceFailed::Create: message = "cannot create a temporary file beside " + file; break;
+        case ReplaceFailed::Write: message = "cannot write " + e.path; break;
+        case ReplaceFailed::Rename: message = "cannot replace " + file; break;
+        default: throw RequestFailed(FCOE_ERR_FAILED, message);
+    }
+    throw RequestFailed(FCOE_ERR_FAILED, message + ": " + std::strerror(e.err));
 }
 
 }  // namespace
-
-void replace_file(const std::string& file, const std::string& text) {
-    namespace fs = std::filesystem;
-    const fs::path target(file);
-    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    std::string temp = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
-    const int fd = mkstemp(temp.data());
-    if (fd < 0) fail("cannot create a temporary file beside " + file, errno);
-    const char* p = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        const ssize_t n = write(fd, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            const int err = n < 0 ? errno : EIO;
-            close(fd);
-            unlink(temp.c_str());
-            fail("cannot write " + temp, err);
-        }
-        p += n;
-        left -= static_cast<std::size_t>(n);
-    }
-    // Readable like any exposition file (mkstemp makes it private); on the
-    // disk before it takes the name.
-    if (fchmod(fd, 0644) != 0 || fsync(fd) != 0) {
-        const int err = errno;
-        close(fd);
-        unlink(temp.c_str());
-        fail("cannot write " + temp, err);
-    }
-    if (close(fd) != 0) {
-        const int err = errno;
-        unlink(temp.c_str());
-        fail("cannot write " + temp, err);
-    }
-    if (rename(temp.c_str(), file.c_str()) != 0) {
-        const int err = errno;
-        unlink(temp.c_str());
-        fail("cannot replace " + file, err);
-    }
-}
 
 void metrics_command(Session& s, bool luns, const std::string& file, std::FILE* out) {
     mv::exporter::CollectOptions options;
@@ -72,7 +33,11 @@ void metrics_command(Session& s, bool luns, const std::string& file, std::FILE* 
         std::fwrite(text.data(), 1, text.size(), out);
         return;
     }
-    replace_file(file, text);
+    try {
+        replace_file(file, text);
+    } catch (const ReplaceFailed& e) {
+        fail(e, file);
+    }
 }
 
 }  // namespace mv::tool

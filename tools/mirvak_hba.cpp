@@ -18,9 +18,7 @@
 #include <cstdio>
 #include <deque>
 #include <map>
-#include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -130,68 +128,417 @@ struct SelectionOptions {
 
 constexpr uint32_t kMaxIndex = 65535;  // port, virtual-port and remote-port numbers are 16-bit in a key
 
+const CLI::Validator kPageCheck(
+    [](std::string& text) {
+        try {
+            std::size_t used = 0;
+            const unsigned long v = std::stoul(text, &used, 0);
+            if (used == text.size() && v <= 0xff) return std::string();
+        } catch (const std::exception&) {
+        }
+        return "'" + text + "' is not a page code (0 to 255, e.g. 0x83)";
+    },
+    "PAGE", "PAGE");
+
+// What one subcommand's options are read into (each subcommand has its own).
+struct Args {
+    SelectionOptions sel;
+    std::string file;            // snapshot --raw, decode's file, metrics --output
+    std::string format = "dot";  // topology --format
+    bool flag = false;           // snapshot/decode --fields, metrics --no-collector.luns
+    // npiv create and delete
+    std::string vport_wwpn, vport_wwnn, port_wwpn, port_wwnn;
+    CLI::Option *o_vport_wwnn = nullptr, *o_port_wwpn = nullptr, *o_port_wwnn = nullptr;
+    // scsi
+    std::string target, page;
+    uint32_t lun = 0;
+    CLI::Option* o_page = nullptr;
+};
+
+// What a subcommand's handler runs with.
+struct Run {
+    const Args& args;
+    std::FILE* out;
+    bool as_json;
+};
+
+void print(const Run& r, const Outcome& o) {
+    if (r.as_json) {
+        std::fprintf(r.out, "%s\n", o.data.dump(2).c_str());
+    } else {
+        o.text(r.out);
+    }
+}
+
+SnapshotView snapshot_view(const Args& a) { return a.flag ? SnapshotView::Fields : SnapshotView::Overview; }
+
+// ---- Options of the subcommands ----
+
+CLI::Option* index_option(CLI::App* c, const char* name, uint32_t& v, const std::string& help) {
+    return c->add_option(name, v, help)->check(CLI::Range(0u, kMaxIndex))->type_name("N");
+}
+
+CLI::Option* wwn_option(CLI::App* c, const char* name, std::string& v, const char* help, const char* type = "WWPN") {
+    return c->add_option(name, v, help)->check(kWwnCheck)->type_name(type);
+}
+
+void adapter_option(CLI::App* c, Args& a, bool required = true) {
+    a.sel.o_adapter =
+        c->add_option("adapter", a.sel.adapter, "Adapter: its index (0, 1, ...) or its name (/dev/tuskstor1)")
+            ->check(kAdapterCheck);
+    if (required) a.sel.o_adapter->required();
+}
+
+void port_options(CLI::App* c, Args& a, bool with_wwpn = true) {
+    SelectionOptions& o = a.sel;
+    o.o_port = index_option(c, "--port", o.port, "Physical port number (0, 1, ...)");
+    if (with_wwpn) o.o_wwpn = wwn_option(c, "--wwpn", o.wwpn, "Local port WWPN (16 hex digits, colons optional)");
+}
+
+void vport_options(CLI::App* c, Args& a) {
+    SelectionOptions& o = a.sel;
+    o.o_vport = index_option(c, "--vport", o.vport, "Virtual-port number on the port (0, 1, ...)");
+    o.o_vport_wwpn = wwn_option(c, "--vport-wwpn", o.vport_wwpn, "Virtual port WWPN");
+}
+
+void rport_options(CLI::App* c, Args& a) {
+    SelectionOptions& o = a.sel;
+    o.o_rport = index_option(c, "--rport", o.rport, "Remote-port number (0, 1, ...)");
+    o.o_rport_wwpn = wwn_option(c, "--rport-wwpn", o.rport_wwpn, "Remote (target) port WWPN");
+}
+
+void adapter_only(CLI::App* c, Args& a) { adapter_option(c, a); }
+
+// ADAPTER [--port N | --wwpn W], at most one of them.
+void any_port(CLI::App* c, Args& a) {
+    adapter_option(c, a);
+    port_options(c, a);
+    a.sel.forms = {{a.sel.o_port}, {a.sel.o_wwpn}};
+    a.sel.forms_optional = true;
+}
+
+// ADAPTER --port N | --wwpn W.
+void one_port(CLI::App* c, Args& a) {
+    adapter_option(c, a);
+    port_options(c, a);
+    a.sel.forms = {{a.sel.o_port}, {a.sel.o_wwpn}};
+}
+
+// ADAPTER --port N --rport R | --wwpn W --rport-wwpn T.
+void one_rport(CLI::App* c, Args& a) {
+    adapter_option(c, a);
+    port_options(c, a);
+    rport_options(c, a);
+    const SelectionOptions& o = a.sel;
+    a.sel.forms = {{o.o_port, o.o_rport}, {o.o_wwpn, o.o_rport_wwpn}};
+}
+
+// ADAPTER --port N --vport V | --vport-wwpn W.
+void one_vport(CLI::App* c, Args& a) {
+    adapter_option(c, a);
+    port_options(c, a, false);
+    vport_options(c, a);
+    const SelectionOptions& o = a.sel;
+    a.sel.forms = {{o.o_port, o.o_vport}, {o.o_vport_wwpn}};
+}
+
+// ADAPTER --port N --vport V --rport R | --vport-wwpn W --rport-wwpn T.
+void one_vport_rport(CLI::App* c, Args& a) {
+    adapter_option(c, a);
+    port_options(c, a, false);
+    vport_options(c, a);
+    rport_options(c, a);
+    const SelectionOptions& o = a.sel;
+    a.sel.forms = {{o.o_port, o.o_vport, o.o_rport}, {o.o_vport_wwpn, o.o_rport_wwpn}};
+}
+
+template <bool Create>
+void npiv_options(CLI::App* c, Args& a) {
+    adapter_option(c, a);
+    a.sel.o_port = index_option(c, "--port", a.sel.port,
+                                Create ? "Physical port number (default 0); its WWPN and WWNN are read from the adapter"
+                                       : "Physical port number; its WWPN and WWNN are read from the adapter");
+    wwn_option(c, "--wwpn", a.vport_wwpn, "The virtual port's WWPN")->required();
+    a.o_vport_wwnn = wwn_option(c, "--wwnn", a.vport_wwnn, "The virtual port's WWNN", "WWNN");
+    if (Create) a.o_vport_wwnn->required();
+    a.o_port_wwpn =
+        wwn_option(c, "--port-wwpn", a.port_wwpn, "The physical port's WWPN, instead of --port")->excludes(a.sel.o_port);
+    a.o_port_wwnn = wwn_option(c, "--port-wwnn", a.port_wwnn, "The physical port's WWNN (with --port-wwpn)", "WWNN")
+                        ->needs(a.o_port_wwpn);
+}
+
+void fields_flag(CLI::App* c, Args& a) {
+    c->add_flag("--fields,--verbose", a.flag, "Every field of every record instead of the tree");
+}
+
+void snapshot_options(CLI::App* c, Args& a) {
+    c->add_option("--raw", a.file, "Also save the snapshot's bytes in this file")->type_name("FILE");
+    fields_flag(c, a);
+}
+
+void decode_options(CLI::App* c, Args& a) {
+    c->add_option("file", a.file, "The saved snapshot")->required();
+    fields_flag(c, a);
+}
+
+void topology_options(CLI::App* c, Args& a) {
+    c->add_option("--format", a.format, "dot (the graph's text) or svg (drawn by Graphviz's dot)")
+        ->check(CLI::IsMember({"dot", "svg"}))
+        ->type_name("dot|svg");
+}
+
+void metrics_options(CLI::App* c, Args& a) {
+    c->add_option("--output", a.file, "Replace this file atomically instead of printing")->type_name("FILE");
+    c->add_flag("--no-collector.luns", a.flag, "Leave out the mirvak_lun_* series");
+}
+
+void mapping_options(CLI::App* c, Args& a) {
+    adapter_option(c, a, false);
+    SelectionOptions& o = a.sel;
+    o.o_adapter->description("Adapter (index or name); default: every adapter");
+    port_options(c, a);
+    o.o_port->needs(o.o_adapter);
+    o.o_wwpn->needs(o.o_adapter);
+    o.forms = {{o.o_port}, {o.o_wwpn}};
+    o.forms_optional = true;
+}
+
+template <ScsiOp Op>
+void scsi_options(CLI::App* c, Args& a) {
+    any_port(c, a);
+    a.sel.o_port->description("Local port number (default: the port that discovered the target)");
+    a.sel.o_wwpn->description("Local port WWPN (default: the port that discovered the target)");
+    wwn_option(c, "--target", a.target, "The target port's WWPN")->required();
+    if (Op != ScsiOp::ReportLuns)
+        c->add_option("--lun", a.lun, "LUN number (0 to 65535)")
+            ->check(CLI::Range(0u, 65535u))
+            ->type_name("N")
+            ->required();
+    if (Op == ScsiOp::Inquiry)
+        a.o_page = c->add_option("--page", a.page, "Vital product data page (0x00, 0x80, 0x83, ...); sets EVPD")
+                       ->type_name("PAGE")
+                       ->check(kPageCheck);
+}
+
+// ---- Handlers ----
+
+int run_adapters(const Run& r) {
+    PluginLoader plugin;
+    plugin.load();
+    const nlohmann::json adapters = gather_adapters(plugin);
+    plugin.free();
+    if (r.as_json) {
+        std::fprintf(r.out, "%s\n", nlohmann::json{{"adapters", adapters}}.dump(2).c_str());
+    } else {
+        print_adapters_text(r.out, adapters);
+    }
+    return kExitOk;
+}
+
+int run_adapter_info(const Run& r) {
+    Session session;
+    print(r, adapter_info_command(session));
+    return kExitOk;
+}
+
+// A facade request about what the selection names.
+template <Outcome (*Request)(Session&, const Selection&)>
+int run_request(const Run& r) {
+    Session session;
+    print(r, Request(session, r.args.sel.selection()));
+    return kExitOk;
+}
+
+template <bool Create>
+int run_npiv(const Run& run) {
+    Session session;
+    const Args& a = run.args;
+    NpivRequest r;
+    r.sel = a.sel.selection();
+    r.vport_wwpn = *parse_wwn(a.vport_wwpn);
+    if (a.o_vport_wwnn->count()) r.vport_wwnn = parse_wwn(a.vport_wwnn);
+    if (a.o_port_wwpn->count()) r.port_wwpn = parse_wwn(a.port_wwpn);
+    if (a.o_port_wwnn->count()) r.port_wwnn = parse_wwn(a.port_wwnn);
+    if (Create && !r.port_wwpn && !r.sel.port) r.sel.port = 0;
+    print(run, Create ? npiv_create_command(session, r) : npiv_delete_command(session, r));
+    return kExitOk;
+}
+
+int run_snapshot(const Run& r) {
+    Session session;
+    print(r, snapshot_command(session, r.args.file, snapshot_view(r.args)));
+    return kExitOk;
+}
+
+int run_decode(const Run& r) {
+    Outcome o;
+    {
+        Progress progress("decoding " + r.args.file);
+        o = decode_command(r.args.file, snapshot_view(r.args));
+    }
+    print(r, o);
+    return kExitOk;
+}
+
+int run_topology(const Run& r) {
+    Session session;
+    print(r, topology_command(session, r.args.format));
+    return kExitOk;
+}
+
+int run_metrics(const Run& r) {
+    Session session;
+    metrics_command(session, !r.args.flag, r.args.file, r.out);
+    return kExitOk;
+}
+
+int run_mapping(const Run& r) {
+    Session session;
+    const Selection sel = r.args.sel.selection();
+    Outcome o;
+    bool failed = false;
+    {
+        Progress progress("reading the FCP target mapping");
+        o = mapping_command(session, sel, &failed);
+    }
+    print(r, o);
+    if (!failed) return kExitOk;
+    std::fprintf(stderr, "mirvak-hba: the mapping of some ports could not be read (see above)\n");
+    return kExitFailed;
+}
+
+template <ScsiOp Op>
+int run_scsi(const Run& run) {
+    Session session;
+    const Args& a = run.args;
+    ScsiRequest r;
+    r.op = Op;
+    r.sel = a.sel.selection();
+    r.target = *parse_wwn(a.target);
+    r.lun = a.lun;
+    if (a.o_page && a.o_page->count()) r.page = static_cast<uint8_t>(std::stoul(a.page, nullptr, 0));
+    print(run, scsi_command(session, r));
+    return kExitOk;
+}
+
+// ---- The subcommands ----
+
+struct Command {
+    const char* parent;  // the group it belongs to, or nullptr
+    const char* name;
+    const char* help;
+    void (*options)(CLI::App*, Args&);  // nullptr: none
+    int (*handler)(const Run&);          // nullptr: a group, which needs one of its subcommands
+};
+
+// In the order the help lists them.
+const Command kCommands[] = {
+    {nullptr, "adapters", "Every adapter with its attributes and ports, through the standard face", nullptr,
+     run_adapters},
+    {nullptr, "adapter-info", "Every adapter's extended information (GetFCoEAdapters)", nullptr, run_adapter_info},
+    {nullptr, "adapter-stats", "One adapter's extended information (GetFCoEAdapterStats)", adapter_only,
+     run_request<adapter_stats_command>},
+    {nullptr, "ports", "All ports of an adapter (GetAllPortsInfo)", adapter_only, run_request<ports_command>},
+    {nullptr, "port", "One port by number or WWPN, or all ports (GetPortInfo)", any_port, run_request<port_command>},
+    {nullptr, "port-stats", "Statistics of a port (GetPortStatistics)", one_port, run_request<port_stats_command>},
+    {nullptr, "rports", "Remote ports a port has discovered (GetRemotePortInfo)", one_port,
+     run_request<rports_command>},
+    {nullptr, "vports", "Virtual (NPIV) ports of a port (GetVirPortForPort)", one_port, run_request<vports_command>},
+    {nullptr, "rport-stats", "Statistics of a remote port of a port (GetRemotePortStatistics)", one_rport,
+     run_request<rport_stats_command>},
+    {nullptr, "luns", "LUNs behind a remote port of a port (GetLunInfo)", one_rport, run_request<luns_command>},
+    {nullptr, "vport-stats", "Statistics of a virtual port (GetVirPortStatistics)", one_vport,
+     run_request<vport_stats_command>},
+    {nullptr, "vport-rports", "Remote ports a virtual port has discovered (GetRPortForVPort)", one_vport,
+     run_request<vport_rports_command>},
+    {nullptr, "vport-rport-stats", "Statistics of a remote port of a virtual port (GetVirRemotePortStatistics)",
+     one_vport_rport, run_request<vport_rport_stats_command>},
+    {nullptr, "vport-luns", "LUNs behind a remote port of a virtual port (GetVPortLunInfo)", one_vport_rport,
+     run_request<vport_luns_command>},
+    {nullptr, "npiv", "Create or delete a virtual (NPIV) port", nullptr, nullptr},
+    {"npiv", "create", "Create a virtual port on a physical port (CreateNPIV)", npiv_options<true>, run_npiv<true>},
+    {"npiv", "delete", "Delete a virtual port (DeleteNPIV)", npiv_options<false>, run_npiv<false>},
+    {nullptr, "snapshot",
+     "The whole system in one snapshot (GetFCoEAll), as a tree: one line a thing (the default)", snapshot_options,
+     run_snapshot},
+    {nullptr, "decode", "Decode a snapshot saved with snapshot --raw, shown as a tree", decode_options, run_decode},
+    {nullptr, "topology",
+     "The system as a Graphviz graph: adapters, ports, virtual ports, remote ports, LUNs (from a snapshot)",
+     topology_options, run_topology},
+    {nullptr, "metrics", "The exporter's metrics once, in the Prometheus text format (textfile collector)",
+     metrics_options, run_metrics},
+    {nullptr, "mapping", "FCP target mapping: device, H:C:T:L, target WWNs, FCP LUN, LUID", mapping_options,
+     run_mapping},
+    {nullptr, "scsi", "Send a SCSI command to a LUN and decode the answer", nullptr, nullptr},
+    {"scsi", "inquiry", "Standard INQUIRY, or a VPD page with --page", scsi_options<ScsiOp::Inquiry>,
+     run_scsi<ScsiOp::Inquiry>},
+    {"scsi", "report-luns", "REPORT LUNS of the target", scsi_options<ScsiOp::ReportLuns>,
+     run_scsi<ScsiOp::ReportLuns>},
+    {"scsi", "read-capacity", "READ CAPACITY(16) of the LUN", scsi_options<ScsiOp::ReadCapacity>,
+     run_scsi<ScsiOp::ReadCapacity>},
+};
+
+// The command line: the program's own options, and each subcommand with
+// the options it was given.
 class Cli {
 public:
     CLI::App app{"The management program of the mirvak FCoE HBA plug-in."};
     bool as_json = false;
     bool quiet = false;
 
-    CLI::App* sub(CLI::App* parent, const char* name, const char* help) {
-        CLI::App* c = parent->add_subcommand(name, help);
-        c->fallthrough();
-        return c;
+    Cli() {
+        app.name("mirvak-hba");
+        app.set_version_flag("--version", std::string("mirvak-hba ") + MIRVAK_VERSION, "Print the version and exit");
+        app.add_flag("--json", as_json, "Print JSON instead of text");
+        app.add_flag("-q,--quiet", quiet, "Drop the library's own diagnostic lines");
+        app.require_subcommand(0, 1);
+        app.footer(
+            "Without a subcommand: snapshot (the whole system as a tree).\n"
+            "ADAPTER is an index (0, 1, ...) or a name as the library gives it (/dev/tuskstor1).\n"
+            "WWNs are 16 hex digits, with or without a colon between bytes.\n"
+            "Exit status: 0 success; 1 the library answered a failure (its result code is named);\n"
+            "2 bad arguments (nothing was sent).");
+        leaves_[&app] = {&root_args_, run_snapshot};
+        for (const Command& c : kCommands) add(c);
     }
 
-    SelectionOptions& selection(CLI::App* c, bool adapter_required = true) {
-        sel_.emplace_back();
-        SelectionOptions& o = sel_.back();
-        o.o_adapter = c->add_option("adapter", o.adapter, "Adapter: its index (0, 1, ...) or its name (/dev/tuskstor1)")
-                          ->check(kAdapterCheck);
-        if (adapter_required) o.o_adapter->required();
-        owner_[c] = &o;
-        return o;
-    }
-    void port_options(SelectionOptions& o, CLI::App* c, bool with_wwpn = true) {
-        o.o_port = c->add_option("--port", o.port, "Physical port number (0, 1, ...)")
-                       ->check(CLI::Range(0u, kMaxIndex))
-                       ->type_name("N");
-        if (!with_wwpn) return;
-        o.o_wwpn = c->add_option("--wwpn", o.wwpn, "Local port WWPN (16 hex digits, colons optional)")
-                       ->check(kWwnCheck)
-                       ->type_name("WWPN");
-    }
-    void vport_options(SelectionOptions& o, CLI::App* c) {
-        o.o_vport = c->add_option("--vport", o.vport, "Virtual-port number on the port (0, 1, ...)")
-                        ->check(CLI::Range(0u, kMaxIndex))
-                        ->type_name("N");
-        o.o_vport_wwpn = c->add_option("--vport-wwpn", o.vport_wwpn, "Virtual port WWPN")
-                             ->check(kWwnCheck)
-                             ->type_name("WWPN");
-    }
-    void rport_options(SelectionOptions& o, CLI::App* c) {
-        o.o_rport = c->add_option("--rport", o.rport, "Remote-port number (0, 1, ...)")
-                        ->check(CLI::Range(0u, kMaxIndex))
-                        ->type_name("N");
-        o.o_rport_wwpn = c->add_option("--rport-wwpn", o.rport_wwpn, "Remote (target) port WWPN")
-                             ->check(kWwnCheck)
-                             ->type_name("WWPN");
-    }
-
-    SelectionOptions* options_of(CLI::App* c) {
-        auto it = owner_.find(c);
-        return it == owner_.end() ? nullptr : it->second;
+    // The subcommand given, down to the leaf: its options and its handler.
+    std::pair<const Args*, int (*)(const Run&)> given() {
+        CLI::App* leaf = &app;
+        while (!leaf->get_subcommands().empty()) leaf = leaf->get_subcommands().front();
+        return leaves_.at(leaf);
     }
 
 private:
-    std::deque<SelectionOptions> sel_;
-    std::map<CLI::App*, SelectionOptions*> owner_;
+    void add(const Command& c) {
+        CLI::App* parent = c.parent ? app.get_subcommand(c.parent) : &app;
+        CLI::App* sub = parent->add_subcommand(c.name, c.help);
+        sub->fallthrough();
+        if (!c.handler) {
+            sub->require_subcommand(1);
+            return;
+        }
+        args_.emplace_back();
+        if (c.options) c.options(sub, args_.back());
+        leaves_[sub] = {&args_.back(), c.handler};
+    }
+
+    Args root_args_;
+    std::deque<Args> args_;
+    std::map<CLI::App*, std::pair<const Args*, int (*)(const Run&)>> leaves_;
 };
 
-void print(std::FILE* out, bool as_json, const Outcome& o) {
-    if (as_json) {
-        std::fprintf(out, "%s\n", o.data.dump(2).c_str());
-    } else {
-        o.text(out);
+// Runs the handler; a failure is told on standard error and gives the
+// exit status.
+int run_guarded(int (*handler)(const Run&), const Run& run) {
+    try {
+        return handler(run);
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "mirvak-hba: %s\n", e.what());
+        return kExitUsage;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "mirvak-hba: %s\n", e.what());
+        return kExitFailed;
     }
 }
 
@@ -199,294 +546,21 @@ void print(std::FILE* out, bool as_json, const Outcome& o) {
 
 int mirvak_hba_main(int argc, char** argv) {
     Cli cli;
-    CLI::App& app = cli.app;
-    app.name("mirvak-hba");
-    app.set_version_flag("--version", std::string("mirvak-hba ") + MIRVAK_VERSION, "Print the version and exit");
-    app.add_flag("--json", cli.as_json, "Print JSON instead of text");
-    app.add_flag("-q,--quiet", cli.quiet, "Drop the library's own diagnostic lines");
-    app.require_subcommand(0, 1);
-    app.footer(
-        "Without a subcommand: snapshot (the whole system as a tree).\n"
-        "ADAPTER is an index (0, 1, ...) or a name as the library gives it (/dev/tuskstor1).\n"
-        "WWNs are 16 hex digits, with or without a colon between bytes.\n"
-        "Exit status: 0 success; 1 the library answered a failure (its result code is named);\n"
-        "2 bad arguments (nothing was sent).");
-
-    cli.sub(&app, "adapters", "Every adapter with its attributes and ports, through the standard face");
-
-    cli.sub(&app, "adapter-info", "Every adapter's extended information (GetFCoEAdapters)");
-    CLI::App* c_adapter_stats = cli.sub(&app, "adapter-stats", "One adapter's extended information (GetFCoEAdapterStats)");
-    cli.selection(c_adapter_stats);
-
-    CLI::App* c_ports = cli.sub(&app, "ports", "All ports of an adapter (GetAllPortsInfo)");
-    cli.selection(c_ports);
-
-    CLI::App* c_port = cli.sub(&app, "port", "One port by number or WWPN, or all ports (GetPortInfo)");
-    {
-        SelectionOptions& o = cli.selection(c_port);
-        cli.port_options(o, c_port);
-        o.forms = {{o.o_port}, {o.o_wwpn}};
-        o.forms_optional = true;
-    }
-    CLI::App* c_port_stats = cli.sub(&app, "port-stats", "Statistics of a port (GetPortStatistics)");
-    CLI::App* c_rports = cli.sub(&app, "rports", "Remote ports a port has discovered (GetRemotePortInfo)");
-    CLI::App* c_vports = cli.sub(&app, "vports", "Virtual (NPIV) ports of a port (GetVirPortForPort)");
-    for (CLI::App* c : {c_port_stats, c_rports, c_vports}) {
-        SelectionOptions& o = cli.selection(c);
-        cli.port_options(o, c);
-        o.forms = {{o.o_port}, {o.o_wwpn}};
-    }
-    CLI::App* c_rport_stats =
-        cli.sub(&app, "rport-stats", "Statistics of a remote port of a port (GetRemotePortStatistics)");
-    CLI::App* c_luns = cli.sub(&app, "luns", "LUNs behind a remote port of a port (GetLunInfo)");
-    for (CLI::App* c : {c_rport_stats, c_luns}) {
-        SelectionOptions& o = cli.selection(c);
-        cli.port_options(o, c);
-        cli.rport_options(o, c);
-        o.forms = {{o.o_port, o.o_rport}, {o.o_wwpn, o.o_rport_wwpn}};
-    }
-    CLI::App* c_vport_stats = cli.sub(&app, "vport-stats", "Statistics of a virtual port (GetVirPortStatistics)");
-    CLI::App* c_vport_rports =
-        cli.sub(&app, "vport-rports", "Remote ports a virtual port has discovered (GetRPortForVPort)");
-    for (CLI::App* c : {c_vport_stats, c_vport_rports}) {
-        SelectionOptions& o = cli.selection(c);
-        cli.port_options(o, c, false);
-        cli.vport_options(o, c);
-        o.forms = {{o.o_port, o.o_vport}, {o.o_vport_wwpn}};
-    }
-    CLI::App* c_vport_rport_stats = cli.sub(&app, "vport-rport-stats",
-                                            "Statistics of a remote port of a virtual port (GetVirRemotePortStatistics)");
-    CLI::App* c_vport_luns =
-        cli.sub(&app, "vport-luns", "LUNs behind a remote port of a virtual port (GetVPortLunInfo)");
-    for (CLI::App* c : {c_vport_rport_stats, c_vport_luns}) {
-        SelectionOptions& o = cli.selection(c);
-        cli.port_options(o, c, false);
-        cli.vport_options(o, c);
-        cli.rport_options(o, c);
-        o.forms = {{o.o_port, o.o_vport, o.o_rport}, {o.o_vport_wwpn, o.o_rport_wwpn}};
-    }
-
-    // NPIV
-    CLI::App* c_npiv = cli.sub(&app, "npiv", "Create or delete a virtual (NPIV) port");
-    c_npiv->require_subcommand(1);
-    struct NpivOptions {
-        std::string wwpn, wwnn, port_wwpn, port_wwnn;
-        CLI::Option *o_wwnn = nullptr, *o_port_wwpn = nullptr, *o_port_wwnn = nullptr;
-    };
-    NpivOptions npiv_create_opts, npiv_delete_opts;
-    CLI::App* c_npiv_create = cli.sub(c_npiv, "create", "Create a virtual port on a physical port (CreateNPIV)");
-    CLI::App* c_npiv_delete = cli.sub(c_npiv, "delete", "Delete a virtual port (DeleteNPIV)");
-    for (auto [c, n] : {std::pair{c_npiv_create, &npiv_create_opts}, std::pair{c_npiv_delete, &npiv_delete_opts}}) {
-        const bool create = c == c_npiv_create;
-        SelectionOptions& o = cli.selection(c);
-        o.o_port = c->add_option("--port", o.port,
-                                 create ? "Physical port number (default 0); its WWPN and WWNN are read from the adapter"
-                                        : "Physical port number; its WWPN and WWNN are read from the adapter")
-                       ->check(CLI::Range(0u, kMaxIndex))
-                       ->type_name("N");
-        c->add_option("--wwpn", n->wwpn, "The virtual port's WWPN")->check(kWwnCheck)->type_name("WWPN")->required();
-        n->o_wwnn = c->add_option("--wwnn", n->wwnn, "The virtual port's WWNN")->check(kWwnCheck)->type_name("WWNN");
-        if (create) n->o_wwnn->required();
-        n->o_port_wwpn = c->add_option("--port-wwpn", n->port_wwpn, "The physical port's WWPN, instead of --port")
-                             ->check(kWwnCheck)
-                             ->type_name("WWPN")
-                             ->excludes(o.o_port);
-        n->o_port_wwnn = c->add_option("--port-wwnn", n->port_wwnn, "The physical port's WWNN (with --port-wwpn)")
-                             ->check(kWwnCheck)
-                             ->type_name("WWNN")
-                             ->needs(n->o_port_wwpn);
-    }
-
-    // Snapshots
-    std::string raw_file, decode_file;
-    bool all_fields = false;
-    CLI::App* c_snapshot = cli.sub(&app, "snapshot",
-                                   "The whole system in one snapshot (GetFCoEAll), as a tree: one line a thing (the "
-                                   "default)");
-    c_snapshot->add_option("--raw", raw_file, "Also save the snapshot's bytes in this file")->type_name("FILE");
-    CLI::App* c_decode = cli.sub(&app, "decode", "Decode a snapshot saved with snapshot --raw, shown as a tree");
-    c_decode->add_option("file", decode_file, "The saved snapshot")->required();
-    for (CLI::App* c : {c_snapshot, c_decode})
-        c->add_flag("--fields,--verbose", all_fields, "Every field of every record instead of the tree");
-    std::string topology_format = "dot";
-    CLI::App* c_topology = cli.sub(&app, "topology",
-                                   "The system as a Graphviz graph: adapters, ports, virtual ports, remote ports, "
-                                   "LUNs (from a snapshot)");
-    c_topology->add_option("--format", topology_format, "dot (the graph's text) or svg (drawn by Graphviz's dot)")
-        ->check(CLI::IsMember({"dot", "svg"}))
-        ->type_name("dot|svg");
-
-    // Prometheus metrics
-    std::string metrics_file;
-    bool metrics_no_luns = false;
-    CLI::App* c_metrics =
-        cli.sub(&app, "metrics", "The exporter's metrics once, in the Prometheus text format (textfile collector)");
-    c_metrics->add_option("--output", metrics_file, "Replace this file atomically instead of printing")
-        ->type_name("FILE");
-    c_metrics->add_flag("--no-collector.luns", metrics_no_luns, "Leave out the mirvak_lun_* series");
-
-    // FCP target mapping
-    CLI::App* c_mapping = cli.sub(&app, "mapping", "FCP target mapping: device, H:C:T:L, target WWNs, FCP LUN, LUID");
-    {
-        SelectionOptions& o = cli.selection(c_mapping, false);
-        o.o_adapter->description("Adapter (index or name); default: every adapter");
-        cli.port_options(o, c_mapping);
-        o.o_port->needs(o.o_adapter);
-        o.o_wwpn->needs(o.o_adapter);
-        o.forms = {{o.o_port}, {o.o_wwpn}};
-        o.forms_optional = true;
-    }
-
-    // SCSI commands
-    CLI::App* c_scsi = cli.sub(&app, "scsi", "Send a SCSI command to a LUN and decode the answer");
-    c_scsi->require_subcommand(1);
-    struct ScsiOptions {
-        std::string target, page;
-        uint32_t lun = 0;
-        CLI::Option* o_page = nullptr;
-    };
-    std::map<CLI::App*, std::pair<ScsiOp, std::unique_ptr<ScsiOptions>>> scsi_cmds;
-    for (auto [name, op, help] : {std::tuple{"inquiry", ScsiOp::Inquiry, "Standard INQUIRY, or a VPD page with --page"},
-                                  std::tuple{"report-luns", ScsiOp::ReportLuns, "REPORT LUNS of the target"},
-                                  std::tuple{"read-capacity", ScsiOp::ReadCapacity, "READ CAPACITY(16) of the LUN"}}) {
-        CLI::App* c = cli.sub(c_scsi, name, help);
-        auto opts = std::make_unique<ScsiOptions>();
-        SelectionOptions& o = cli.selection(c);
-        cli.port_options(o, c);
-        o.o_port->description("Local port number (default: the port that discovered the target)");
-        o.o_wwpn->description("Local port WWPN (default: the port that discovered the target)");
-        o.forms = {{o.o_port}, {o.o_wwpn}};
-        o.forms_optional = true;
-        c->add_option("--target", opts->target, "The target port's WWPN")->check(kWwnCheck)->type_name("WWPN")->required();
-        if (op != ScsiOp::ReportLuns)
-            c->add_option("--lun", opts->lun, "LUN number (0 to 65535)")
-                ->check(CLI::Range(0u, 65535u))
-                ->type_name("N")
-                ->required();
-        if (op == ScsiOp::Inquiry)
-            opts->o_page = c->add_option("--page", opts->page,
-                                         "Vital product data page (0x00, 0x80, 0x83, ...); sets EVPD")
-                               ->type_name("PAGE")
-                               ->check(CLI::Validator(
-                                   [](std::string& text) {
-                                       try {
-                                           std::size_t used = 0;
-                                           const unsigned long v = std::stoul(text, &used, 0);
-                                           if (used == text.size() && v <= 0xff) return std::string();
-                                       } catch (const std::exception&) {
-                                       }
-                                       return "'" + text + "' is not a page code (0 to 255, e.g. 0x83)";
-                                   },
-                                   "PAGE", "PAGE"));
-        scsi_cmds.emplace(c, std::pair{op, std::move(opts)});
-    }
-
     try {
-        app.parse(argc, argv);
+        cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        const int rc = app.exit(e);
+        const int rc = cli.app.exit(e);
         return rc == 0 ? kExitOk : kExitUsage;
     }
-
-    // Which subcommand, down to the leaf.
-    CLI::App* leaf = &app;
-    while (!leaf->get_subcommands().empty()) leaf = leaf->get_subcommands().front();
-    SelectionOptions* sel_opts = cli.options_of(leaf);
+    const auto [args, handler] = cli.given();
     try {
-        if (sel_opts) sel_opts->check_forms();
+        args->sel.check_forms();
     } catch (const UsageError& e) {
         std::fprintf(stderr, "mirvak-hba: %s\n", e.what());
         return kExitUsage;
     }
-
     std::FILE* out = separate_library_output(cli.quiet);
-    int status = kExitOk;
-    try {
-        const SnapshotView view = all_fields ? SnapshotView::Fields : SnapshotView::Overview;
-        if (leaf->get_name() == "adapters") {
-            PluginLoader plugin;
-            plugin.load();
-            const nlohmann::json adapters = gather_adapters(plugin);
-            plugin.free();
-            if (cli.as_json) {
-                std::fprintf(out, "%s\n", nlohmann::json{{"adapters", adapters}}.dump(2).c_str());
-            } else {
-                print_adapters_text(out, adapters);
-            }
-        } else if (leaf == c_decode) {
-            Outcome o;
-            {
-                Progress progress("decoding " + decode_file);
-                o = decode_command(decode_file, view);
-            }
-            print(out, cli.as_json, o);
-        } else if (leaf == c_metrics) {
-            Session session;
-            metrics_command(session, !metrics_no_luns, metrics_file, out);
-        } else {
-            Session session;
-            const Selection sel = sel_opts ? sel_opts->selection() : Selection{};
-            Outcome o;
-            bool failed = false;
-            if (leaf->get_name() == "adapter-info") o = adapter_info_command(session);
-            else if (leaf == c_adapter_stats) o = adapter_stats_command(session, sel);
-            else if (leaf == c_ports) o = ports_command(session, sel);
-            else if (leaf == c_port) o = port_command(session, sel);
-            else if (leaf == c_port_stats) o = port_stats_command(session, sel);
-            else if (leaf == c_rports) o = rports_command(session, sel);
-            else if (leaf == c_rport_stats) o = rport_stats_command(session, sel);
-            else if (leaf == c_vports) o = vports_command(session, sel);
-            else if (leaf == c_vport_stats) o = vport_stats_command(session, sel);
-            else if (leaf == c_vport_rports) o = vport_rports_command(session, sel);
-            else if (leaf == c_vport_rport_stats) o = vport_rport_stats_command(session, sel);
-            else if (leaf == c_luns) o = luns_command(session, sel);
-            else if (leaf == c_vport_luns) o = vport_luns_command(session, sel);
-            else if (leaf == c_snapshot || leaf == &app) o = snapshot_command(session, raw_file, view);
-            else if (leaf == c_topology) o = topology_command(session, topology_format);
-            else if (leaf == c_mapping) {
-                Progress progress("reading the FCP target mapping");
-                o = mapping_command(session, sel, &failed);
-            }
-            else if (leaf == c_npiv_create || leaf == c_npiv_delete) {
-                const NpivOptions& n = leaf == c_npiv_create ? npiv_create_opts : npiv_delete_opts;
-                NpivRequest r;
-                r.sel = sel;
-                r.vport_wwpn = *parse_wwn(n.wwpn);
-                if (n.o_wwnn->count()) r.vport_wwnn = parse_wwn(n.wwnn);
-                if (n.o_port_wwpn->count()) r.port_wwpn = parse_wwn(n.port_wwpn);
-                if (n.o_port_wwnn->count()) r.port_wwnn = parse_wwn(n.port_wwnn);
-                if (leaf == c_npiv_create) {
-                    if (!r.port_wwpn && !r.sel.port) r.sel.port = 0;
-                    o = npiv_create_command(session, r);
-                } else {
-                    o = npiv_delete_command(session, r);
-                }
-            } else if (scsi_cmds.count(leaf)) {
-                const auto& [op, opts] = scsi_cmds.at(leaf);
-                ScsiRequest r;
-                r.op = op;
-                r.sel = sel;
-                r.target = *parse_wwn(opts->target);
-                r.lun = opts->lun;
-                if (opts->o_page && opts->o_page->count()) r.page = static_cast<uint8_t>(std::stoul(opts->page, nullptr, 0));
-                o = scsi_command(session, r);
-            }
-            print(out, cli.as_json, o);
-            if (failed) {
-                std::fprintf(stderr, "mirvak-hba: the mapping of some ports could not be read (see above)\n");
-                status = kExitFailed;
-            }
-        }
-    } catch (const UsageError& e) {
-        std::fprintf(stderr, "mirvak-hba: %s\n", e.what());
-        status = kExitUsage;
-    } catch (const RequestFailed& e) {
-        std::fprintf(stderr, "mirvak-hba: %s\n", e.what());
-        status = kExitFailed;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "mirvak-hba: %s\n", e.what());
-        status = kExitFailed;
-    }
+    const int status = run_guarded(handler, Run{*args, out, cli.as_json});
     std::fclose(out);
     return status;
 }

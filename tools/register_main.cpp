@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "hba_conf.h"
+#include "replace_file.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ bool edit(const std::string& file, Change change, std::vector<std::string>& befo
     c = conf::parse(conf::read_file(file, &exists));
     before = c.registered();
     if (!change(c)) return false;
-    conf::replace_file(file, c.text());
+    mv::tool::replace_file(file, c.text());
     return true;
 }
 

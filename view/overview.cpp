@@ -4,6 +4,7 @@
 #include <functional>
 #include <sstream>
 
+#include "mirvak/hba_plugin.h"
 #include "port_names.h"
 
 using nlohmann::json;
@@ -39,7 +40,7 @@ std::string pad(std::string s, std::size_t width) {
 bool vanished(const json& port) { return str(port, "port_wwn") == kNoWwn; }
 bool down(const json& port) {
     const uint64_t state = num(port, "state");
-    return state != 2;  // anything but online
+    return state != HBA_PORTSTATE_ONLINE;
 }
 
 std::string speed_words(const json& port) {

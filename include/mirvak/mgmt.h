@@ -84,6 +84,12 @@ MV_API HBA_UINT32 mirvak_GetRPortsStatsForVPort(HBA_HANDLE handle, const unsigne
 MV_API HBA_UINT32 mirvak_GetAllVPortsForPort(HBA_HANDLE handle, const unsigned char* wwpn, port_info* ports,
                                              HBA_UINT32 expected);
 
+constexpr HBA_UINT16 MIRVAK_NPIV_CREATE = 0;
+constexpr HBA_UINT16 MIRVAK_NPIV_DELETE = 1;  // any op but 0 deletes
+// Our own code for a request the driver refused and marked as refused;
+// agents read 40 as that condition.
+constexpr HBA_UINT32 MIRVAK_STATUS_NPIV_REFUSED = 40;
+
 // Create (op 0) or delete (any other op) a virtual port. The four 8-byte
 // WWNs go into the driver's request at offsets 8, 0, 16 and 24; the first
 // two may be null. 40 when the driver refuses and marks the request so;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "facade/keys.h"
 #include "mirvak/mgmt_records.h"
 
 namespace testenv {
@@ -14,27 +15,14 @@ namespace testenv {
 // A port_info key: the adapter name, the port number and, when given, the
 // port's WWN.
 inline port_info PortKey(const char* name, uint32_t port = 0, const uint8_t* wwn = nullptr) {
-    port_info key;
-    std::memset(&key, 0, sizeof key);
-    std::strcpy(key.adapter_name, name);
-    key.port_num = port;
-    if (wwn) std::memcpy(key.attributes.PortWWN.wwn, wwn, 8);
-    return key;
+    return mv::facade::port_key(name, port, wwn);
 }
 
 // A vport_in key: the adapter name, the port, virtual-port and remote-port
 // indexes and, when given, the virtual and remote WWNs.
 inline vport_in VKey(const char* name, uint16_t port, uint16_t vport, uint16_t rport, const uint8_t* vwwn = nullptr,
                      const uint8_t* rwwn = nullptr) {
-    vport_in key;
-    std::memset(&key, 0, sizeof key);
-    std::strcpy(key.adapter_name, name);
-    key.port_num = port;
-    key.vport_index = vport;
-    key.rport_index = rport;
-    if (vwwn) std::memcpy(key.vport_wwpn, vwwn, 8);
-    if (rwwn) std::memcpy(key.rport_wwpn, rwwn, 8);
-    return key;
+    return mv::facade::vport_key(name, port, vport, rport, vwwn, rwwn);
 }
 
 // The name field of a statistics record, as the facade fills it.
