@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "hba_conf.h"
+#include "replace_file.h"
 
 extern char** environ;
 
@@ -373,7 +374,7 @@ TEST_F(Register, AddWaitsForTheLockAndKeepsALineWrittenMeanwhile) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         ASSERT_TRUE(waits) << "mirvak-hba-register add did not wait for the lock";
-        mv::hbaconf::replace_file(conf_.string(), kHostConf + kAdminLine);
+        mv::tool::replace_file(conf_.string(), kHostConf + kAdminLine);
     }
     EXPECT_EQ(ExitStatus(pid), 0);
     EXPECT_EQ(slurp(conf_), kHostConf + kAdminLine + kLine);
@@ -400,7 +401,7 @@ TEST_F(Register, ConcurrentAddsLoseNoLine) {
         const std::string line = "com.admin.added" + n + "\t/opt/admin/lib" + n + ".so\n";
         c.lines.push_back(mv::hbaconf::Line{line, "", ""});
         added += line;
-        mv::hbaconf::replace_file(conf_.string(), c.text());
+        mv::tool::replace_file(conf_.string(), c.text());
     }
     for (pid_t pid : runs) EXPECT_EQ(ExitStatus(pid), 0);
     const mv::hbaconf::Conf end = mv::hbaconf::parse(slurp(conf_));
