@@ -8,10 +8,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 namespace mv::hbaconf {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 bool blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
