@@ -164,7 +164,13 @@ TEST_F(RulesInPrometheus, DefaultFabricsDownPortsArePendingAndCountsAreItsOwn) {
              {"instance:mirvak_vports_online:count", "3"},
              {"instance:mirvak_rports:count", "12"},
              {"instance:mirvak_rports_online:count", "8"}}) {
-        const nlohmann::json r = Query(record);
+        // Recording rules are a group of their own, evaluated on their own
+        // schedule: until this one has been.
+        nlohmann::json r = Query(record);
+        while (r.empty() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            r = Query(record);
+        }
         ASSERT_EQ(r.size(), 1u) << record;
         EXPECT_EQ(r[0]["metric"].value("instance", ""), instance) << record;
         EXPECT_EQ(r[0]["value"][1].get<std::string>(), value) << record;
