@@ -23,17 +23,17 @@
 
 #include <CLI/CLI.hpp>
 
-#include "cli_main.h"
-#include "codes.h"
-#include "facade_commands.h"
-#include "lun_commands.h"
-#include "metrics_command.h"
-#include "output.h"
-#include "plugin_loader.h"
-#include "progress.h"
-#include "session.h"
-#include "snapshot_commands.h"
-#include "wwn_arg.h"
+#include "tools/cli_main.h"
+#include "tools/codes.h"
+#include "tools/facade_commands.h"
+#include "tools/lun_commands.h"
+#include "tools/metrics_command.h"
+#include "tools/output.h"
+#include "tools/plugin_loader.h"
+#include "tools/progress.h"
+#include "tools/session.h"
+#include "tools/snapshot_commands.h"
+#include "tools/wwn_arg.h"
 
 using namespace mv::tool;
 

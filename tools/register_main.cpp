@@ -12,8 +12,8 @@
 #include <iostream>
 #include <string>
 
-#include "hba_conf.h"
-#include "replace_file.h"
+#include "tools/hba_conf.h"
+#include "tools/replace_file.h"
 
 namespace {
 
