@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "result_codes.h"  // the codes' names and meanings
+#include "view/result_codes.h"  // the codes' names and meanings
 
 namespace mv::tool {
 

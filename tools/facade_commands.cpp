@@ -1,4 +1,4 @@
-#include "facade_commands.h"
+#include "tools/facade_commands.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -6,9 +6,9 @@
 #include <memory>
 #include <vector>
 
-#include "codes.h"
 #include "facade/keys.h"
-#include "records.h"
+#include "tools/codes.h"
+#include "view/records.h"
 
 using nlohmann::json;
 

@@ -5,7 +5,7 @@
 #ifndef MIRVAK_TOOLS_FACADE_COMMANDS_H
 #define MIRVAK_TOOLS_FACADE_COMMANDS_H
 
-#include "session.h"
+#include "tools/session.h"
 
 namespace mv::tool {
 

@@ -1,4 +1,4 @@
-#include "hba_conf.h"
+#include "tools/hba_conf.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

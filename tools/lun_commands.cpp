@@ -1,4 +1,4 @@
-#include "lun_commands.h"
+#include "tools/lun_commands.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -8,12 +8,12 @@
 #include <memory>
 #include <vector>
 
-#include "codes.h"
 #include "mirvak/fcp_mapping.h"
 #include "mirvak/host_view.h"
-#include "lun_records.h"
-#include "records.h"
-#include "scsi_decode.h"
+#include "tools/codes.h"
+#include "view/lun_records.h"
+#include "view/records.h"
+#include "view/scsi_decode.h"
 
 using nlohmann::json;
 

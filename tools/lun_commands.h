@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "session.h"
+#include "tools/session.h"
 
 namespace mv::tool {
 

@@ -1,3 +1,3 @@
-#include "cli_main.h"
+#include "tools/cli_main.h"
 
 int main(int argc, char** argv) { return mirvak_hba_main(argc, argv); }

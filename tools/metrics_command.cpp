@@ -1,9 +1,9 @@
-#include "metrics_command.h"
+#include "tools/metrics_command.h"
 
 #include <cstring>
 
-#include "codes.h"
-#include "metrics.h"
+#include "exporter/metrics.h"
+#include "tools/codes.h"
 
 namespace mv::tool {
 

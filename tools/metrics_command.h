@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <string>
 
-#include "replace_file.h"
-#include "session.h"
+#include "tools/replace_file.h"
+#include "tools/session.h"
 
 namespace mv::tool {
 

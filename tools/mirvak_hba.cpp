@@ -23,17 +23,17 @@
 
 #include <CLI/CLI.hpp>
 
-#include "cli_main.h"
-#include "codes.h"
-#include "facade_commands.h"
-#include "lun_commands.h"
-#include "metrics_command.h"
-#include "output.h"
-#include "plugin_loader.h"
-#include "progress.h"
-#include "session.h"
-#include "snapshot_commands.h"
-#include "wwn_arg.h"
+#include "tools/cli_main.h"
+#include "tools/codes.h"
+#include "tools/facade_commands.h"
+#include "tools/lun_commands.h"
+#include "tools/metrics_command.h"
+#include "tools/output.h"
+#include "tools/plugin_loader.h"
+#include "tools/progress.h"
+#include "tools/session.h"
+#include "tools/snapshot_commands.h"
+#include "tools/wwn_arg.h"
 
 using namespace mv::tool;
 
@@ -349,17 +349,22 @@ int run_request(const Run& r) {
     return kExitOk;
 }
 
-template <bool Create>
-int run_npiv(const Run& run) {
-    Session session;
-    const Args& a = run.args;
+// The WWNs of npiv create or delete; a create without a port takes port 0.
+NpivRequest npiv_request(const Args& a, bool create) {
     NpivRequest r;
     r.sel = a.sel.selection();
     r.vport_wwpn = *parse_wwn(a.vport_wwpn);
     if (a.o_vport_wwnn->count()) r.vport_wwnn = parse_wwn(a.vport_wwnn);
     if (a.o_port_wwpn->count()) r.port_wwpn = parse_wwn(a.port_wwpn);
     if (a.o_port_wwnn->count()) r.port_wwnn = parse_wwn(a.port_wwnn);
-    if (Create && !r.port_wwpn && !r.sel.port) r.sel.port = 0;
+    if (create && !r.port_wwpn && !r.sel.port) r.sel.port = 0;
+    return r;
+}
+
+template <bool Create>
+int run_npiv(const Run& run) {
+    Session session;
+    const NpivRequest r = npiv_request(run.args, Create);
     print(run, Create ? npiv_create_command(session, r) : npiv_delete_command(session, r));
     return kExitOk;
 }
@@ -407,17 +412,20 @@ int run_mapping(const Run& r) {
     return kExitFailed;
 }
 
-template <ScsiOp Op>
-int run_scsi(const Run& run) {
-    Session session;
-    const Args& a = run.args;
+ScsiRequest scsi_request(const Args& a, ScsiOp op) {
     ScsiRequest r;
-    r.op = Op;
+    r.op = op;
     r.sel = a.sel.selection();
     r.target = *parse_wwn(a.target);
     r.lun = a.lun;
     if (a.o_page && a.o_page->count()) r.page = static_cast<uint8_t>(std::stoul(a.page, nullptr, 0));
-    print(run, scsi_command(session, r));
+    return r;
+}
+
+template <ScsiOp Op>
+int run_scsi(const Run& run) {
+    Session session;
+    print(run, scsi_command(session, scsi_request(run.args, Op)));
     return kExitOk;
 }
 

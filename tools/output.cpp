@@ -1,5 +1,5 @@
-#include "output.h"
-#include "records.h"
+#include "tools/output.h"
+#include "view/records.h"
 
 #include <cstring>
 #include <string>

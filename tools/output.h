@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "plugin_loader.h"
+#include "tools/plugin_loader.h"
 
 // Every adapter the plug-in names, with its attributes and its ports.
 nlohmann::json gather_adapters(const PluginLoader& plugin);

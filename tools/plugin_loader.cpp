@@ -1,4 +1,4 @@
-#include "plugin_loader.h"
+#include "tools/plugin_loader.h"
 
 namespace {
 // Slots of the table the plug-in fills.

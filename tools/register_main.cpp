@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "hba_conf.h"
-#include "replace_file.h"
+#include "tools/hba_conf.h"
+#include "tools/replace_file.h"
 
 namespace {
 

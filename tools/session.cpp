@@ -1,9 +1,9 @@
-#include "session.h"
+#include "tools/session.h"
 
 #include <cctype>
 
-#include "codes.h"
 #include "mirvak/hba_plugin.h"
+#include "tools/codes.h"
 
 namespace mv::tool {
 

@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "mirvak/mv_fcoe_ini.h"
-#include "wwn_arg.h"
+#include "tools/wwn_arg.h"
 
 namespace mv::tool {
 

@@ -1,4 +1,4 @@
-#include "snapshot_commands.h"
+#include "tools/snapshot_commands.h"
 
 #include <unistd.h>
 
@@ -10,10 +10,10 @@
 #include <memory>
 #include <vector>
 
-#include "codes.h"
-#include "overview.h"
-#include "progress.h"
-#include "snapshot_decode.h"
+#include "tools/codes.h"
+#include "tools/progress.h"
+#include "view/overview.h"
+#include "view/snapshot_decode.h"
 
 using nlohmann::json;
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "session.h"
+#include "tools/session.h"
 
 namespace mv::tool {
 

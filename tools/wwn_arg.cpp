@@ -1,4 +1,4 @@
-#include "wwn_arg.h"
+#include "tools/wwn_arg.h"
 
 #include <cctype>
 #include <cstdio>

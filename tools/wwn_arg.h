@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "hex_text.h"  // hex_bytes: bytes as lower-case hex digits, a space between bytes
+#include "view/hex_text.h"  // hex_bytes: bytes as lower-case hex digits, a space between bytes
 
 namespace mv::tool {
 

@@ -1,4 +1,4 @@
-#include "hex_text.h"
+#include "view/hex_text.h"
 
 #include <cstdio>
 

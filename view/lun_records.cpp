@@ -1,12 +1,12 @@
-#include "lun_records.h"
+#include "view/lun_records.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "hex_text.h"
-#include "records.h"
-#include "result_codes.h"
-#include "scsi_decode.h"
+#include "view/hex_text.h"
+#include "view/records.h"
+#include "view/result_codes.h"
+#include "view/scsi_decode.h"
 
 using nlohmann::json;
 

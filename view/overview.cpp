@@ -1,11 +1,11 @@
-#include "overview.h"
+#include "view/overview.h"
 
 #include <cstdint>
 #include <functional>
 #include <sstream>
 
 #include "mirvak/hba_plugin.h"
-#include "port_names.h"
+#include "view/port_names.h"
 
 using nlohmann::json;
 

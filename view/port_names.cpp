@@ -1,4 +1,4 @@
-#include "port_names.h"
+#include "view/port_names.h"
 
 #include <cstdio>
 

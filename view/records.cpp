@@ -1,10 +1,10 @@
-#include "records.h"
+#include "view/records.h"
 
 #include <cstdint>
 #include <cstring>
 
-#include "hex_text.h"
-#include "result_codes.h"
+#include "view/hex_text.h"
+#include "view/result_codes.h"
 
 using nlohmann::json;
 

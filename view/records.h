@@ -25,7 +25,7 @@
 #include <nlohmann/json.hpp>
 
 #include "mirvak/mgmt_records.h"
-#include "port_names.h"
+#include "view/port_names.h"
 
 namespace mv::tool {
 

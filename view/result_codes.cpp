@@ -1,4 +1,4 @@
-#include "result_codes.h"
+#include "view/result_codes.h"
 
 #include "mirvak/hba_plugin.h"  // hbaapi.h with what it needs first
 #include "mirvak/mgmt.h"

@@ -1,9 +1,9 @@
-#include "scsi_decode.h"
+#include "view/scsi_decode.h"
 
 #include <algorithm>
 
-#include "records.h"
-#include "hex_text.h"
+#include "view/hex_text.h"
+#include "view/records.h"
 
 using nlohmann::json;
 

@@ -1,4 +1,4 @@
-#include "snapshot_decode.h"
+#include "view/snapshot_decode.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -9,7 +9,7 @@
 
 #include "mirvak/mgmt_records.h"
 #include "mirvak/snapshot_records.h"
-#include "records.h"
+#include "view/records.h"
 
 namespace mv::tool {
 
