@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -27,6 +28,7 @@
 #include <iterator>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -360,6 +362,85 @@ TEST_F(ExporterTest, APortWithManyRemotePortsAndAVirtualPortScrapesWellWithinTen
     for (std::size_t at = 0; (at = a.body.find("\nmirvak_rport_info{", at)) != std::string::npos; ++at) ++rports;
     EXPECT_EQ(rports, 36 + 36);
 }
+
+// The system's series of one reading, one line each, sorted (the exporter's
+// own series, which count requests and time, left out).
+std::vector<std::string> SystemSeries(const mv::exporter::Reading& r) {
+    std::vector<std::string> out;
+    std::istringstream in(mv::exporter::exposition(r.families));
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line[0] != '#') out.push_back(line);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+struct Readings {
+    std::vector<std::string> snapshot, per_object;
+    uint64_t snapshot_requests = 0, per_object_requests = 0;  // requests to the library each made
+};
+
+uint64_t Requests(const mv::exporter::Reading& r) {
+    uint64_t n = 0;
+    for (const auto& [code, count] : r.results) n += count;
+    return n;
+}
+
+Readings BothReadings(bool luns = true) {
+    Readings out;
+    MvFCoEIni facade;
+    mv::exporter::CollectOptions o;
+    o.luns = luns;
+    const mv::exporter::Reading a = mv::exporter::collect_system(facade, o);
+    out.snapshot = SystemSeries(a);
+    out.snapshot_requests = Requests(a);
+    o.snapshot = false;
+    const mv::exporter::Reading b = mv::exporter::collect_system(facade, o);
+    out.per_object = SystemSeries(b);
+    out.per_object_requests = Requests(b);
+    return out;
+}
+
+TEST_F(ExporterTest, TheSnapshotReadingGivesThePerObjectSeriesOnTheDefaultFabric) {
+    // Offline ports, a remote port that is gone, virtual ports, remote ports
+    // without LUNs: every place where the snapshot leaves something out.
+    for (const bool luns : {true, false}) {
+        const Readings r = BothReadings(luns);
+        ASSERT_GT(r.per_object.size(), 100u);
+        EXPECT_EQ(r.snapshot, r.per_object) << "luns " << luns;
+        EXPECT_LT(r.snapshot_requests, r.per_object_requests) << "the snapshot reading asked object by object";
+    }
+}
+
+struct Shape {
+    const char* name;
+    sim::ScaleParams p;  // adapters, ports, virtual ports per port, targets per local port, LUNs per target
+    bool snapshot_used;  // false: the snapshot would pause, the reading is per object
+};
+
+class GeneratedFabricReading : public ExporterTest, public ::testing::WithParamInterface<Shape> {};
+
+TEST_P(GeneratedFabricReading, TheSnapshotReadingGivesThePerObjectSeries) {
+    const Shape& shape = GetParam();
+    UseFabric(sim::scale_fabric_json(shape.p).dump());
+    const Readings r = BothReadings();
+    const sim::ScaleCounts c = sim::scale_counts(shape.p);
+    EXPECT_GE(r.per_object.size(), c.physical_ports + c.virtual_ports + c.targets + c.luns);
+    EXPECT_EQ(r.snapshot, r.per_object);
+    if (shape.snapshot_used) {
+        EXPECT_LT(r.snapshot_requests, r.per_object_requests) << "the snapshot reading asked object by object";
+    } else {
+        EXPECT_EQ(r.snapshot_requests, r.per_object_requests) << "the reading took the snapshot that pauses";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, GeneratedFabricReading,
+    ::testing::Values(Shape{"small", {1, 1, 0, 2, 2}, true}, Shape{"small_with_virtual_ports", {1, 1, 1, 2, 2}, true},
+                      Shape{"medium", {2, 2, 0, 8, 2}, true},
+                      Shape{"medium_with_virtual_ports", {2, 2, 2, 4, 2}, true},
+                      Shape{"many_remote_ports_no_virtual_port", {1, 1, 0, 40, 1}, true},
+                      Shape{"the_snapshots_pause", {1, 1, 1, 36, 1}, false}),
+    [](const ::testing::TestParamInfo<Shape>& i) { return std::string(i.param.name); });
 
 TEST_F(ExporterTest, BasicAuthenticationRefusesWrongAndMissingCredentials) {
     const std::string config = folder() + "/web.yml";
