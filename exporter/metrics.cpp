@@ -219,7 +219,10 @@ public:
         // gives the rest, unless it would pause.
         Snapshot none;
         std::unique_ptr<Snapshot> snap;
-        if (options_.snapshot && !snapshot_pauses(adapters)) snap = std::make_unique<Snapshot>(facade_);
+        if (options_.snapshot && !snapshot_pauses(adapters)) {
+            snap = std::make_unique<Snapshot>(facade_);
+            if (options_.progress) options_.progress();
+        }
         for (const AdapterRead& a : adapters) adapter(a, snap ? *snap : none);
         // Families without series are left out of the exposition.
         for (MetricFamily& f : families_)
@@ -248,6 +251,7 @@ private:
 
     int note(int code) {
         ++results_[code];
+        if (options_.progress) options_.progress();
         return code;
     }
 

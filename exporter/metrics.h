@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -32,6 +33,7 @@ struct CollectOptions {
     bool luns = true;      // false: no mirvak_lun_* series (hosts with very many LUNs)
     bool snapshot = true;  // false: every object asked on its own (the reference the snapshot reading is
                            // checked against)
+    std::function<void()> progress;  // called after every answered request (the collector's heartbeat)
 };
 
 // One reading of the system.

@@ -1,6 +1,9 @@
 #include "server.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -52,10 +55,32 @@ std::string listening_ports(const std::string& address, bool tls) {
     return tls ? listening + "s" : listening;
 }
 
+// The timeout Prometheus announces, in seconds; -1 when none (or not a
+// positive number).
+double announced_timeout(const char* header) {
+    if (header == nullptr) return -1;
+    char* end = nullptr;
+    const double v = std::strtod(header, &end);
+    if (end == header || *end != '\0' || !std::isfinite(v) || v <= 0) return -1;
+    return v;
+}
+
+CollectorOptions collector_options(const ServerOptions& o) {
+    CollectorOptions c;
+    c.collect = o.collect;
+    c.min_interval = o.min_interval;
+    c.heartbeat = o.heartbeat;
+    c.heartbeat_interval = o.heartbeat_interval;
+    return c;
+}
+
 }  // namespace
 
 Server::Server(MvFCoEIni& facade, ServerOptions options)
-    : facade_(facade), options_(std::move(options)), passwords_(options_.web.users) {
+    : facade_(facade),
+      options_(std::move(options)),
+      passwords_(options_.web.users),
+      collector_(facade_, collector_options(options_)) {
     if (options_.telemetry_path.empty() || options_.telemetry_path[0] != '/' || options_.telemetry_path == "/")
         throw ServerError("--web.telemetry-path must start with / and name a path other than /");
     const bool tls = options_.web.tls();
@@ -112,22 +137,14 @@ int Server::on_request(mg_connection* conn) {
     return self->handle(conn);
 }
 
-std::string Server::scrape() {
-    std::string body;
-    {
-        std::lock_guard<std::mutex> lock(library_);
-        const auto now = std::chrono::steady_clock::now();
-        if (!have_reading_ || now - taken_ >= options_.min_interval) {
-            Reading r = collect_system(facade_, options_.collect);
-            for (const auto& [code, n] : r.results) results_total_[code] += n;
-            add_own_series(r.families, r, results_total_);
-            last_ = exposition(r.families);
-            taken_ = std::chrono::steady_clock::now();
-            have_reading_ = true;
-            ++readings_;
-        }
-        body = last_;
-    }
+std::string Server::scrape(double announced_timeout) {
+    // A scraper's own timeout, less the offset that leaves it time to
+    // receive the answer; bounded to an hour.
+    std::chrono::duration<double> wait = options_.scrape_timeout;
+    if (announced_timeout >= 0)
+        wait = std::chrono::duration<double>(std::min(announced_timeout, 3600.0)) - options_.timeout_offset;
+    if (wait.count() < 0) wait = std::chrono::duration<double>(0);
+    const std::string body = collector_.scrape(wait);
     prometheus::MetricFamily f;
     f.name = "mirvak_exporter_http_auth_failures_total";
     f.help = "Requests refused for missing or wrong credentials.";
@@ -176,7 +193,7 @@ int Server::handle(mg_connection* conn) {
         reply(conn, 200, "OK", "text/html; charset=utf-8", page, head);
         return 200;
     }
-    const std::string body = scrape();
+    const std::string body = scrape(announced_timeout(mg_get_header(conn, "X-Prometheus-Scrape-Timeout-Seconds")));
     reply(conn, 200, "OK", "text/plain; version=0.0.4; charset=utf-8", body, head);
     return 200;
 }

@@ -9,7 +9,7 @@ packages=(
   libhbaapi-dev libhbaapi2
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
-  prometheus-cpp-dev libcivetweb-dev libssl-dev libyaml-cpp-dev libcrypt-dev prometheus openssl curl
+  prometheus-cpp-dev libcivetweb-dev libssl-dev libyaml-cpp-dev libcrypt-dev libsystemd-dev prometheus openssl curl
   lsscsi sg3-utils prometheus-node-exporter libhbalinux2
   clang-14 libfuzzer-14-dev
   python3-jsonschema graphviz

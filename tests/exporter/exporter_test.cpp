@@ -442,6 +442,169 @@ INSTANTIATE_TEST_SUITE_P(
                       Shape{"the_snapshots_pause", {1, 1, 1, 36, 1}, false}),
     [](const ::testing::TestParamInfo<Shape>& i) { return std::string(i.param.name); });
 
+// The value of a series without labels, or NaN.
+double plain_value(const std::string& text, const std::string& name) {
+    const std::string key = "\n" + name + " ";
+    const std::size_t at = text.find(key);
+    if (at == std::string::npos) return std::nan("");
+    return std::strtod(text.c_str() + at + key.size(), nullptr);
+}
+
+double SecondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+TEST_F(ExporterTest, AScrapeAnswersWithinItsTimeoutWhileADriverCallHangsAndFreshAfterwards) {
+    ServerOptions o = Options();
+    MvFCoEIni facade;
+    Server server(facade, o);
+    const testenv::HttpAnswer before = testenv::HttpGet(PortOf(o), "/metrics");
+    ASSERT_EQ(before.status, 200);
+    EXPECT_EQ(plain_value(before.body, "mirvak_exporter_collection_stalled"), 0);
+
+    // The next reading's first adapter open blocks until the file exists.
+    const std::string release = folder() + "/release";
+    ASSERT_EQ(tusksim_add_hang("open_adapter_str", 1, release.c_str()), 0);
+    const std::string announce = "X-Prometheus-Scrape-Timeout-Seconds: 4\r\n";
+    for (int i = 0; i < 2; ++i) {
+        const auto start = Clock::now();
+        const testenv::HttpAnswer stuck = testenv::HttpGet(PortOf(o), "/metrics", announce);
+        const double seconds = SecondsSince(start);
+        EXPECT_EQ(stuck.status, 200);
+        EXPECT_LT(seconds, 4.0) << "the scrape waited past the timeout it announced";
+        // The last complete reading, marked stalled and as old as it is.
+        EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_collection_stalled"), 1);
+        EXPECT_GE(plain_value(stuck.body, "mirvak_exporter_reading_age_seconds"), 3.0);
+        EXPECT_EQ(value_of(stuck.body, "mirvak_adapter_up", {"adapter=\"/dev/tuskstor1\""}), 1);
+        EXPECT_GT(samples(stuck.body), 100);
+    }
+    EXPECT_EQ(testenv::HttpGet(PortOf(o), "/").status, 200) << "the landing page waits for the driver";
+    EXPECT_EQ(server.readings(), 1u);
+
+    write_file(release, "");
+    const testenv::HttpAnswer after = testenv::HttpGet(PortOf(o), "/metrics", announce);
+    EXPECT_EQ(after.status, 200);
+    EXPECT_EQ(plain_value(after.body, "mirvak_exporter_collection_stalled"), 0);
+    EXPECT_LT(plain_value(after.body, "mirvak_exporter_reading_age_seconds"), 3.0);
+    EXPECT_GE(server.readings(), 2u);
+    EXPECT_EQ(tusksim_most_in_flight(), 1u);
+}
+
+TEST_F(ExporterTest, WithoutATimeoutHeaderAScrapeWaitsTheScrapeTimeout) {
+    ServerOptions o = Options();
+    o.scrape_timeout = std::chrono::milliseconds(1500);
+    MvFCoEIni facade;
+    Server server(facade, o);
+    const std::string release = folder() + "/release";
+    ASSERT_EQ(tusksim_add_hang("open_adapter_str", 1, release.c_str()), 0);
+    // No reading completed yet: the exporter's own series say so.
+    const auto start = Clock::now();
+    const testenv::HttpAnswer stuck = testenv::HttpGet(PortOf(o), "/metrics");
+    const double seconds = SecondsSince(start);
+    EXPECT_EQ(stuck.status, 200);
+    EXPECT_GE(seconds, 1.4);
+    EXPECT_LT(seconds, 10.0);
+    EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_collection_stalled"), 1);
+    EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_last_scrape_success"), 0);
+    EXPECT_EQ(stuck.body.find("mirvak_adapter_"), std::string::npos);
+    EXPECT_EQ(stuck.body.find("mirvak_exporter_reading_age_seconds"), std::string::npos);
+    write_file(release, "");
+    const testenv::HttpAnswer after = testenv::HttpGet(PortOf(o), "/metrics");
+    EXPECT_EQ(value_of(after.body, "mirvak_adapter_up", {"adapter=\"/dev/tuskstor1\""}), 1);
+    EXPECT_EQ(plain_value(after.body, "mirvak_exporter_collection_stalled"), 0);
+}
+
+// The exporter program on the simulated host, started by the test: its
+// pid, its port, where its messages go.
+struct ExporterProcess {
+    pid_t pid = -1;
+    int port = -1;
+    std::string log;
+};
+
+ExporterProcess StartExporter(const std::string& dir, const std::string& fabric_file) {
+    ExporterProcess p;
+    p.port = testenv::FreePort();
+    p.log = dir + "/exporter.log";
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e)
+        if (std::strncmp(*e, "LD_PRELOAD=", 11) != 0 && std::strncmp(*e, "MIRVAK_SIM_FABRIC=", 18) != 0)
+            env.emplace_back(*e);
+    env.push_back(std::string("LD_PRELOAD=") + MIRVAK_SIMHOST_LIBRARY);
+    env.push_back("MIRVAK_SIM_FABRIC=" + fabric_file);
+    const std::vector<std::string> argv = {MIRVAK_EXPORTER_PROGRAM,
+                                           "--web.listen-address=127.0.0.1:" + std::to_string(p.port)};
+    std::vector<char*> args, envp;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    for (const std::string& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&fa, 2, p.log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    if (posix_spawn(&p.pid, args[0], &fa, nullptr, args.data(), envp.data()) != 0) p.pid = -1;
+    posix_spawn_file_actions_destroy(&fa);
+    // Until it answers (at most 30 s).
+    for (int i = 0; i < 300 && p.pid > 0; ++i) {
+        if (testenv::HttpGet(p.port, "/", "", 2).status == 200) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return p;
+}
+
+// The default fabric with these faults, in a file.
+std::string FabricFile(const std::string& dir, const nlohmann::json& faults) {
+    nlohmann::json j = nlohmann::json::parse(sim::default_fabric_text());
+    j["faults"] = faults;
+    const std::string file = dir + "/fabric.json";
+    write_file(file, j.dump());
+    return file;
+}
+
+TEST_F(ExporterTest, SigtermEndsTheExporterWithinFiveSecondsWhileADriverCallHangs) {
+    const std::string dir = folder();
+    const std::string never = dir + "/never-released";
+    ExporterProcess p = StartExporter(dir, FabricFile(dir, {{{"op", "open_adapter_str"}, {"hang", never}}}));
+    ASSERT_GT(p.pid, 0);
+    const testenv::HttpAnswer stuck =
+        testenv::HttpGet(p.port, "/metrics", "X-Prometheus-Scrape-Timeout-Seconds: 2\r\n");
+    ASSERT_EQ(stuck.status, 200) << slurp(p.log);
+    EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_collection_stalled"), 1);
+
+    ASSERT_EQ(kill(p.pid, SIGTERM), 0);
+    const auto start = Clock::now();
+    int status = 0;
+    pid_t ended = 0;
+    while (ended == 0 && SecondsSince(start) < 5.0) {
+        ended = waitpid(p.pid, &status, WNOHANG);
+        if (ended == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(ended, p.pid) << "still running 5 s after SIGTERM";
+    if (ended != p.pid) {
+        testenv::StopProcess(p.pid);
+        return;
+    }
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_NE(slurp(p.log).find("stopping (signal 15)"), std::string::npos) << slurp(p.log);
+}
+
+TEST_F(ExporterTest, SighupLeavesTheExporterServing) {
+    const std::string dir = folder();
+    ExporterProcess p = StartExporter(dir, FabricFile(dir, nlohmann::json::array()));
+    ASSERT_GT(p.pid, 0);
+    ASSERT_EQ(testenv::HttpGet(p.port, "/metrics").status, 200) << slurp(p.log);
+    ASSERT_EQ(kill(p.pid, SIGHUP), 0);
+    // Its note that it took the signal, then a scrape as before.
+    for (int i = 0; i < 100 && slurp(p.log).find("SIGHUP") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_NE(slurp(p.log).find("SIGHUP"), std::string::npos) << slurp(p.log);
+    const testenv::HttpAnswer a = testenv::HttpGet(p.port, "/metrics");
+    EXPECT_EQ(a.status, 200);
+    EXPECT_EQ(value_of(a.body, "mirvak_adapter_up", {"adapter=\"/dev/tuskstor4\""}), 1);
+    EXPECT_EQ(waitpid(p.pid, nullptr, WNOHANG), 0) << "SIGHUP ended the exporter";
+    testenv::StopProcess(p.pid);
+}
+
 TEST_F(ExporterTest, BasicAuthenticationRefusesWrongAndMissingCredentials) {
     const std::string config = folder() + "/web.yml";
     write_file(config, "basic_auth_users:\n  alice: " + bcrypt_hash("s3cret") + "\n");
