@@ -143,7 +143,7 @@ public:
         bytes_.reset(static_cast<unsigned char*>(facade.GetFCoEAll(nullptr, &size)));
         if (!bytes_) return;
         try {
-            tree_ = mv::tool::decode_snapshot(bytes_.get(), size);
+            tree_ = mv::tool::decode_snapshot(bytes_.get(), size, mv::tool::SnapshotDetail::Layout);
         } catch (const mv::tool::DecodeError&) {
             bytes_.reset();
             return;

@@ -157,6 +157,13 @@ protected:
 
     static int PortOf(const ServerOptions& o) { return std::atoi(o.listen_address.c_str() + o.listen_address.rfind(':') + 1); }
 
+    // The next adapter open blocks until the file returned exists.
+    std::string HangNextOpen() {
+        const std::string release = folder() + "/release";
+        EXPECT_EQ(tusksim_add_hang("open_adapter_str", 1, release.c_str()), 0);
+        return release;
+    }
+
     std::string Scrape(const ServerOptions& o) {
         MvFCoEIni facade;
         Server server(facade, o);
@@ -460,9 +467,7 @@ TEST_F(ExporterTest, AScrapeAnswersWithinItsTimeoutWhileADriverCallHangsAndFresh
     ASSERT_EQ(before.status, 200);
     EXPECT_EQ(plain_value(before.body, "mirvak_exporter_collection_stalled"), 0);
 
-    // The next reading's first adapter open blocks until the file exists.
-    const std::string release = folder() + "/release";
-    ASSERT_EQ(tusksim_add_hang("open_adapter_str", 1, release.c_str()), 0);
+    const std::string release = HangNextOpen();
     const std::string announce = "X-Prometheus-Scrape-Timeout-Seconds: 4\r\n";
     for (int i = 0; i < 2; ++i) {
         const auto start = Clock::now();
@@ -493,8 +498,7 @@ TEST_F(ExporterTest, WithoutATimeoutHeaderAScrapeWaitsTheScrapeTimeout) {
     o.scrape_timeout = std::chrono::milliseconds(1500);
     MvFCoEIni facade;
     Server server(facade, o);
-    const std::string release = folder() + "/release";
-    ASSERT_EQ(tusksim_add_hang("open_adapter_str", 1, release.c_str()), 0);
+    const std::string release = HangNextOpen();
     // No reading completed yet: the exporter's own series say so.
     const auto start = Clock::now();
     const testenv::HttpAnswer stuck = testenv::HttpGet(PortOf(o), "/metrics");
