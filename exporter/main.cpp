@@ -81,25 +81,28 @@ int wait_for_stop(const sigset_t& signals) {
     }
 }
 
+// The end of --help (and of the man page made from it).
+const char kFooter[] =
+    "Readings: one thread reads the system; a scrape that wants a fresh reading waits at most the timeout its "
+    "scraper announces (X-Prometheus-Scrape-Timeout-Seconds) less --scrape.timeout-offset, or --scrape.timeout "
+    "without one, and then gets the last complete reading. Besides the system's series it serves "
+    "mirvak_exporter_scrape_duration_seconds, mirvak_exporter_last_scrape_success, mirvak_exporter_adapters, "
+    "mirvak_exporter_library_results_total, mirvak_exporter_http_auth_failures_total, "
+    "mirvak_exporter_reading_age_seconds (seconds since the reading served completed) and "
+    "mirvak_exporter_collection_stalled (1 while a reading runs past the deadline of the scrape that asked for "
+    "it, as when a driver call does not return).\n\n"
+    "Signals: SIGTERM and SIGINT end it at once, even while a driver call hangs; SIGHUP does not end it. Under "
+    "systemd it reports ready (Type=notify) and, with WatchdogSec= set, sends the watchdog a heartbeat while "
+    "the driver keeps answering: a driver call stuck for longer than WatchdogSec (2 minutes in the shipped "
+    "unit) gets the service restarted.";
+
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"Prometheus exporter of the mirvak FCoE HBAs: adapters, physical and virtual ports, remote ports, "
                  "their counters, and LUNs."};
     app.name("mirvak-hba-exporter");
-    app.footer(
-        "Readings: one thread reads the system; a scrape that wants a fresh reading waits at most the timeout its "
-        "scraper announces (X-Prometheus-Scrape-Timeout-Seconds) less --scrape.timeout-offset, or --scrape.timeout "
-        "without one, and then gets the last complete reading. Besides the system's series it serves "
-        "mirvak_exporter_scrape_duration_seconds, mirvak_exporter_last_scrape_success, mirvak_exporter_adapters, "
-        "mirvak_exporter_library_results_total, mirvak_exporter_http_auth_failures_total, "
-        "mirvak_exporter_reading_age_seconds (seconds since the reading served completed) and "
-        "mirvak_exporter_collection_stalled (1 while a reading runs past the deadline of the scrape that asked for "
-        "it, as when a driver call does not return).\n\n"
-        "Signals: SIGTERM and SIGINT end it at once, even while a driver call hangs; SIGHUP does not end it. Under "
-        "systemd it reports ready (Type=notify) and, with WatchdogSec= set, sends the watchdog a heartbeat while "
-        "the driver keeps answering: a driver call stuck for longer than WatchdogSec (2 minutes in the shipped "
-        "unit) gets the service restarted.");
+    app.footer(kFooter);
     mv::exporter::ServerOptions options;
     std::string min_interval = "5s", scrape_timeout = "9500ms", timeout_offset = "500ms", web_config;
     bool no_luns = false;

@@ -188,9 +188,9 @@ struct AdapterRead {
     std::vector<port_info> ports;
 };
 
-class Collector {
+class SystemReading {
 public:
-    Collector(MvFCoEIni& facade, const CollectOptions& options) : facade_(facade), options_(options) {
+    SystemReading(MvFCoEIni& facade, const CollectOptions& options) : facade_(facade), options_(options) {
         for (const Definition& d : kDefinitions) {
             MetricFamily f;
             f.name = d.name;
@@ -650,7 +650,7 @@ ClientMetric gauge(double v, Labels labels = {}) {
 std::string wwn_label(const uint8_t* wwn) { return "0x" + mv::tool::hex_bytes(wwn, 8, '\0'); }
 
 Reading collect_system(MvFCoEIni& facade, const CollectOptions& options) {
-    return Collector(facade, options).run();
+    return SystemReading(facade, options).run();
 }
 
 void add_own_series(std::vector<MetricFamily>& out, const Reading& reading,
