@@ -13,6 +13,9 @@
 //                        they list opened and every file they read opened
 //                        and read once, through the same redirected paths;
 //   GetFCoEAll           MvFCoEIni::GetFCoEAll, the whole-system snapshot;
+//   ExporterReading      one reading of the whole system as the exporter
+//                        (and `mirvak-hba metrics`) takes it, LUNs included:
+//                        the snapshot and the requests it leaves to make;
 //   GetFCPTargetMapping  version 2 (with the LUID of each LUN, asked of the
 //                        simulated device nodes over SG_IO) for physical
 //                        port 0 of the first adapter;
@@ -76,6 +79,7 @@
 #include "mirvak/fcp_mapping.h"
 #include "mirvak/hba_plugin.h"
 #include "mirvak/mgmt_records.h"
+#include "metrics.h"
 #include "mirvak/mv_fcoe_ini.h"
 #include "redirect.h"
 #include "scale_fabric.h"
@@ -386,6 +390,28 @@ void BM_GetFCoEAll(benchmark::State& st, std::size_t size) {
     st.counters["bytes"] = static_cast<double>(length);
 }
 
+void BM_ExporterReading(benchmark::State& st, std::size_t size) {
+    World* const world_of_size = world(st, size);
+    if (world_of_size == nullptr) return;
+    World& w = *world_of_size;
+    std::size_t series = 0;
+    Tally tally;
+    {
+        Quiet quiet;
+        for (auto _ : st) {
+            const mv::exporter::Reading r = mv::exporter::collect_system(w.facade(), mv::exporter::CollectOptions{});
+            series = 0;
+            for (const auto& f : r.families) series += f.metric.size();
+            if (!r.success) {
+                st.SkipWithError("the reading did not read every adapter");
+                break;
+            }
+        }
+    }
+    tally.report(st);
+    st.counters["series"] = static_cast<double>(series);
+}
+
 void BM_GetFCPTargetMapping(benchmark::State& st, std::size_t size) {
     World* const world_of_size = world(st, size);
     if (world_of_size == nullptr) return;
@@ -603,6 +629,7 @@ public:
         if (!growth.empty())
             std::fprintf(out, "GetFCoEAll time against the wide shape before it (twice the local ports):\n%s",
                          growth.c_str());
+        exporter_summary(out);
         std::string mappings;
         for (const Size& size : kSizes) {
             const std::string n = size.name;
@@ -649,6 +676,30 @@ private:
         int64_t iterations = 0;
     };
     std::map<std::string, LockCost> lock_costs_;
+
+    // The exporter's reading against the snapshot alone, per fabric.
+    void exporter_summary(std::FILE* out) const {
+        std::string lines;
+        for (const Size& size : kSizes) {
+            const std::string n = size.name;
+            const Measured* all = find("GetFCoEAll/" + n);
+            const Measured* reading = find("ExporterReading/" + n);
+            if (all == nullptr || reading == nullptr) continue;
+            const sim::ScaleCounts c = sim::scale_counts(size.params);
+            char line[160];
+            std::snprintf(line, sizeof line, "%-8s %6llu %10.1f %10.1f %6.2fx (%5.2fx) %9.0f %9.0f\n", n.c_str(),
+                          static_cast<unsigned long long>(c.physical_ports + c.virtual_ports), all->ms, reading->ms,
+                          ratio(reading->ms, all->ms), ratio(reading->cpu_ms, all->cpu_ms), all->opened,
+                          reading->opened);
+            lines += line;
+        }
+        if (lines.empty()) return;
+        std::fprintf(out,
+                     "\nThe exporter's reading against GetFCoEAll, measured in this run (wall; CPU in brackets):\n"
+                     "%-8s %6s %10s %10s %16s %9s %9s\n%s",
+                     "shape", "local", "FCoEAll ms", "reading ms", "ratio", "FCoE opn", "read opn", lines.c_str());
+    }
+
     struct Measured {
         double ms = 0;
         double cpu_ms = 0;
@@ -678,6 +729,9 @@ int main(int argc, char** argv) {
                                std::to_string(c.targets) + " targets, " + std::to_string(c.luns) + " LUNs");
         benchmark::RegisterBenchmark(("Floor/" + n).c_str(), BM_Floor, s)->Unit(benchmark::kMillisecond)->UseRealTime();
         benchmark::RegisterBenchmark(("GetFCoEAll/" + n).c_str(), BM_GetFCoEAll, s)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("ExporterReading/" + n).c_str(), BM_ExporterReading, s)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
         benchmark::RegisterBenchmark(("GetFCPTargetMapping/" + n).c_str(), BM_GetFCPTargetMapping, s)

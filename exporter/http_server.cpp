@@ -11,7 +11,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <set>
 
 #include <microhttpd.h>
@@ -23,7 +22,7 @@ namespace mv::exporter {
 using Clock = std::chrono::steady_clock;
 
 // Every open connection, for the request deadline: the reaper shuts down
-// the socket of one whose request is overdue, and the event loop then sees
+// the socket of one whose request is overdue, and its connection thread sees
 // the end of its stream and closes it. An entry leaves the set (under the
 // lock) before its socket is closed, so the reaper never touches a socket
 // number that has been given to someone else.
@@ -310,8 +309,6 @@ std::unique_ptr<HttpServer::Daemon> HttpServer::start(const HttpSecurity& securi
     auto d = std::make_unique<Daemon>(security);
     d->owner = this;
     const auto timeout_s = static_cast<unsigned>((options_.limits.request_timeout.count() + 999) / 1000);
-    // (The connection limit is shared out among the event loops.)
-    const unsigned loops = std::max(1u, std::min(options_.threads, options_.limits.max_connections));
     std::vector<MHD_OptionItem> opts = {
         {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&mhd_logger), &options_},
         {MHD_OPTION_LISTEN_SOCKET, listen_fd, nullptr},
@@ -322,8 +319,18 @@ std::unique_ptr<HttpServer::Daemon> HttpServer::start(const HttpSecurity& securi
         {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&on_connection), d.get()},
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&on_completed), d.get()},
     };
-    if (loops > 1) opts.push_back({MHD_OPTION_THREAD_POOL_SIZE, static_cast<intptr_t>(loops), nullptr});
-    unsigned flags = MHD_USE_AUTO | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC | MHD_USE_ERROR_LOG;
+    // A thread for each connection. The handler may wait (a scrape waits up
+    // to its scraper's timeout for a reading while a driver call hangs), and
+    // in an event loop that wait would hold up every other connection the
+    // loop serves: the landing page and the other scrapes. Suspending the
+    // connection and answering it from elsewhere would keep the loops free
+    // too, but then every answer outlives its handler and a reload or stop
+    // would have to find and resume the suspended ones; a thread of its own
+    // simply returns. What bounds the threads bounds the connections: the
+    // limits in all and per client, and the request deadline (the reaper
+    // below), so a slow client holds its thread for at most that long.
+    unsigned flags = MHD_USE_AUTO | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC |
+                     MHD_USE_ERROR_LOG;
     if (security.tls()) {
         flags |= MHD_USE_TLS;
         opts.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char*>(d->security.cert_pem.c_str())});

@@ -17,8 +17,9 @@
 //     reading it;
 //   - basic authentication against bcrypt hashes (see PasswordCheck);
 //   - every message it logs escapes what came from the client.
-// A slow client never holds a thread: requests are read by a few event
-// loops, and only a complete request reaches the handler.
+// Each connection has a thread of its own (so a handler that waits holds
+// up no other connection); only a complete request reaches the handler, and
+// a slow client holds its thread no longer than the request deadline.
 #ifndef MIRVAK_EXPORTER_HTTP_SERVER_H
 #define MIRVAK_EXPORTER_HTTP_SERVER_H
 
@@ -54,7 +55,6 @@ struct HttpSecurity {
 
 struct HttpOptions {
     std::string listen_address;  // host:port, port 0 picks a free one
-    unsigned threads = 4;        // event loops
     HttpLimits limits;
     HttpSecurity security;
     std::string realm = "mirvak-hba-exporter";

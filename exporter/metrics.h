@@ -3,20 +3,22 @@
 // facade, in the Prometheus text exposition format. Shared by the exporter
 // (mirvak-hba-exporter) and `mirvak-hba metrics`.
 //
-// Where the values come from: the facade's per-object requests (adapters,
-// ports, port statistics, remote ports and their statistics, virtual ports
-// and theirs, LUNs). Not the whole-system snapshot: the snapshot pauses five
-// seconds before the remote ports of every port that has more than 35
-// discovered ports and a virtual port (so a host with two such ports could
-// never answer within Prometheus's 10-second scrape timeout), and it drops an
-// adapter it cannot open without saying why, where the per-object requests
-// give the result code that the adapter's up series and the result-code
-// counter report.
+// Where the values come from: the adapters and their port lists from one
+// request each (their result codes feed the adapter's up series and the
+// result-code counter; the whole-system snapshot drops an adapter it cannot
+// open without saying why), then everything else from one whole-system
+// snapshot (GetFCoEAll), which walks the host's sysfs once. Objects are
+// asked one by one only for what the snapshot leaves out or gives otherwise
+// than their own requests do (metrics.cpp says which, where it does so),
+// and a system with a port of more than 35 discovered ports and a virtual
+// port, where the snapshot pauses five seconds on purpose, is read object
+// by object throughout.
 #ifndef MIRVAK_EXPORTER_METRICS_H
 #define MIRVAK_EXPORTER_METRICS_H
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -28,7 +30,10 @@ class MvFCoEIni;
 namespace mv::exporter {
 
 struct CollectOptions {
-    bool luns = true;  // false: no mirvak_lun_* series (hosts with very many LUNs)
+    bool luns = true;      // false: no mirvak_lun_* series (hosts with very many LUNs)
+    bool snapshot = true;  // false: every object asked on its own (the reference the snapshot reading is
+                           // checked against)
+    std::function<void()> progress;  // called after every answered request (the collector's heartbeat)
 };
 
 // One reading of the system.

@@ -1,6 +1,9 @@
 #include "server.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 #include "mirvak/mv_fcoe_ini.h"
 
@@ -22,6 +25,25 @@ std::string html_escape(const std::string& s) {
     return out;
 }
 
+// The timeout Prometheus announces, in seconds; -1 when none (or not a
+// positive number).
+double announced_timeout(const std::string& header) {
+    if (header.empty()) return -1;
+    char* end = nullptr;
+    const double v = std::strtod(header.c_str(), &end);
+    if (end == header.c_str() || *end != '\0' || !std::isfinite(v) || v <= 0) return -1;
+    return v;
+}
+
+CollectorOptions collector_options(const ServerOptions& o) {
+    CollectorOptions c;
+    c.collect = o.collect;
+    c.min_interval = o.min_interval;
+    c.heartbeat = o.heartbeat;
+    c.heartbeat_interval = o.heartbeat_interval;
+    return c;
+}
+
 }  // namespace
 
 // What the HTTP side needs of a web configuration: the certificate and key
@@ -41,12 +63,12 @@ static HttpSecurity security_of(WebConfig& web) {
     return s;
 }
 
-Server::Server(MvFCoEIni& facade, ServerOptions options) : facade_(facade), options_(std::move(options)) {
+Server::Server(MvFCoEIni& facade, ServerOptions options)
+    : facade_(facade), options_(std::move(options)), collector_(facade_, collector_options(options_)) {
     if (options_.telemetry_path.empty() || options_.telemetry_path[0] != '/' || options_.telemetry_path == "/")
         throw ServerError("--web.telemetry-path must start with / and name a path other than /");
     HttpOptions http;
     http.listen_address = options_.listen_address;
-    http.threads = options_.threads;
     http.limits = options_.limits;
     http.security = security_of(options_.web);
     try {
@@ -71,22 +93,14 @@ void Server::reload(WebConfig web) {
     options_.web = std::move(web);
 }
 
-std::string Server::scrape() {
-    std::string body;
-    {
-        std::lock_guard<std::mutex> lock(library_);
-        const auto now = std::chrono::steady_clock::now();
-        if (!have_reading_ || now - taken_ >= options_.min_interval) {
-            Reading r = collect_system(facade_, options_.collect);
-            for (const auto& [code, n] : r.results) results_total_[code] += n;
-            add_own_series(r.families, r, results_total_);
-            last_ = exposition(r.families);
-            taken_ = std::chrono::steady_clock::now();
-            have_reading_ = true;
-            ++readings_;
-        }
-        body = last_;
-    }
+std::string Server::scrape(double announced_timeout) {
+    // A scraper's own timeout, less the offset that leaves it time to
+    // receive the answer; bounded to an hour.
+    std::chrono::duration<double> wait = options_.scrape_timeout;
+    if (announced_timeout >= 0)
+        wait = std::chrono::duration<double>(std::min(announced_timeout, 3600.0)) - options_.timeout_offset;
+    if (wait.count() < 0) wait = std::chrono::duration<double>(0);
+    const std::string body = collector_.scrape(wait);
     prometheus::MetricFamily f;
     f.name = "mirvak_exporter_http_auth_failures_total";
     f.help = "Requests refused for missing or wrong credentials.";
@@ -115,7 +129,7 @@ HttpAnswer Server::handle(const HttpRequest& request) {
         return a;
     }
     a.content_type = "text/plain; version=0.0.4; charset=utf-8";
-    a.body = scrape();
+    a.body = scrape(announced_timeout(request.header("X-Prometheus-Scrape-Timeout-Seconds")));
     return a;
 }
 

@@ -1,21 +1,23 @@
 // The exporter's answers: the landing page at "/", the metrics at the
 // telemetry path, 404 for anything else; served by HttpServer (connection
 // limits, request deadline, basic authentication and TLS from the web
-// configuration). Every scrape is answered from one reading of the
-// system; the library is called by one thread at a time, through the one
-// MvFCoEIni the server holds.
+// configuration). Every scrape is answered from one reading of the system,
+// which the collector (collector.h) takes on its own thread through the one
+// MvFCoEIni the server holds: HTTP handlers never call the library.
 #ifndef MIRVAK_EXPORTER_SERVER_H
 #define MIRVAK_EXPORTER_SERVER_H
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 
+#include "collector.h"
 #include "http_server.h"
 #include "metrics.h"
 #include "web_config.h"
@@ -28,9 +30,15 @@ struct ServerOptions {
     std::string listen_address = "127.0.0.1:10847";  // host:port; port 0 picks a free one
     std::string telemetry_path = "/metrics";
     std::chrono::milliseconds min_interval{5000};    // scrapes that come faster get the last reading
+    // How long a scrape waits for a fresh reading: the timeout the scraper
+    // announces (X-Prometheus-Scrape-Timeout-Seconds) less the offset, or,
+    // without one, scrape_timeout.
+    std::chrono::milliseconds scrape_timeout{9500};
+    std::chrono::milliseconds timeout_offset{500};
     CollectOptions collect;
+    std::function<void()> heartbeat;                 // the collector's heartbeat (see collector.h)
+    std::chrono::milliseconds heartbeat_interval{0};
     WebConfig web;
-    unsigned threads = 4;  // the HTTP event loops
     HttpLimits limits;
 };
 
@@ -50,10 +58,11 @@ public:
     // The port listened on (useful with port 0).
     int port() const { return port_; }
     // Readings of the system taken so far.
-    uint64_t readings() const { return readings_.load(); }
+    uint64_t readings() const { return collector_.readings(); }
 
-    // The exposition a scrape gets now (taken afresh or the last one).
-    std::string scrape();
+    // The exposition a scrape gets now (taken afresh or the last one), for a
+    // scraper that announced this timeout in seconds (negative: none).
+    std::string scrape(double announced_timeout = -1);
 
     // Takes a new web configuration (read_web_config's); throws ServerError
     // and keeps the one in use when it cannot be used.
@@ -67,12 +76,7 @@ private:
     std::unique_ptr<HttpServer> http_;
     int port_ = 0;
 
-    std::mutex library_;  // held around every call into the library
-    bool have_reading_ = false;
-    std::chrono::steady_clock::time_point taken_;
-    std::string last_;  // the last reading's exposition, without the HTTP counters
-    std::map<int, uint64_t> results_total_;
-    std::atomic<uint64_t> readings_{0};
+    Collector collector_;
     std::atomic<uint64_t> auth_failures_{0};
 };
 

@@ -9,7 +9,7 @@ packages=(
   libhbaapi-dev libhbaapi2
   nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
-  prometheus-cpp-dev libmicrohttpd-dev libgnutls28-dev libyaml-cpp-dev libcrypt-dev prometheus openssl curl
+  prometheus-cpp-dev libmicrohttpd-dev libgnutls28-dev libyaml-cpp-dev libcrypt-dev libsystemd-dev prometheus openssl curl
   systemd
   lsscsi sg3-utils prometheus-node-exporter libhbalinux2 fcoe-utils
   clang-14 libfuzzer-14-dev

@@ -189,7 +189,8 @@ auto schema(const Adapter*) {
 auto schema(const Fault*) {
     return std::make_tuple(field("op", &Fault::op, kind(Kind::Operation)),
                            field("nth", &Fault::nth, range(1, UINT32_MAX)),
-                           field("status", &Fault::status), field("every", &Fault::every));
+                           field("status", &Fault::status), field("every", &Fault::every),
+                           field("hang", &Fault::hang, max_len(4095)));
 }
 
 auto schema(const Fabric*) {

@@ -178,6 +178,8 @@ struct Fault {
     uint32_t nth = 1;     // the n-th call (counting from 1) of that operation
     int status = 1;       // ... returns this
     bool every = false;   // every call from the n-th on
+    std::string hang;     // non-empty: instead of failing, that call blocks until this file exists,
+                          // then does its work as usual (a driver stuck in an ioctl)
 };
 
 struct Fabric {

@@ -81,6 +81,12 @@ uint32_t tusksim_last_handle(void);
  * description are loaded with it. Returns 0, or -1 for an unknown operation
  * name or an nth of 0. */
 int tusksim_add_fault(const char* op, uint32_t nth, int status, int every);
+/* A hang: the nth call of op (from 1, counted from now) blocks until the
+ * file release_file exists, then does its work as usual (a driver stuck in
+ * an ioctl until a firmware reset ends). The driver's lock is not held while
+ * it waits, so the control functions keep answering. Returns 0, or -1 for an unknown
+ * operation name, an nth of 0 or no file name. */
+int tusksim_add_hang(const char* op, uint32_t nth, const char* release_file);
 void tusksim_clear_faults(void);
 
 #ifdef __cplusplus

@@ -30,7 +30,11 @@ std::string at_offset(const std::string& what, std::size_t off) {
 // The bounded view of the stream: every read is checked against the end.
 class Reader {
 public:
-    Reader(const unsigned char* data, std::size_t size) : data_(data), size_(size) {}
+    Reader(const unsigned char* data, std::size_t size, SnapshotDetail detail)
+        : data_(data), size_(size), fields_(detail == SnapshotDetail::Fields) {}
+
+    // Whether each record's fields go into the tree (else its place only).
+    bool fields() const { return fields_; }
 
     std::size_t pos() const { return pos_; }
     std::size_t left() const { return size_ - pos_; }
@@ -72,6 +76,7 @@ public:
 private:
     const unsigned char* data_;
     std::size_t size_;
+    bool fields_;
     std::size_t pos_ = 0;
 };
 
@@ -95,7 +100,7 @@ json lun(Reader& in, uint32_t want) {
     const std::size_t off = in.pos();
     const lun_record rec = in.take<lun_record>("a LUN record");
     expect_index(rec.index, want, "LUN record", off);
-    json l = lun_info_json(load_area<lun_info>(rec.lun));
+    json l = in.fields() ? lun_info_json(load_area<lun_info>(rec.lun)) : json::object();
     l["offset"] = off;
     l["index"] = rec.index;
     return l;
@@ -108,12 +113,12 @@ json remote(Reader& in, uint32_t want) {
     expect_index(rec.index, want, "remote-port record", off);
     const port_info p = load_area<port_info>(rec.info);
     const port_stats s = load_area<port_stats>(rec.stats);
-    json r = port_info_json(p, PortKind::Remote);
+    json r = in.fields() ? port_info_json(p, PortKind::Remote) : json::object();
     r["offset"] = off;
     r["index"] = rec.index;
     r["lun_count"] = rec.child_count;
     r["parent_index"] = static_cast<uint32_t>(s.port_num);
-    r["statistics"] = port_stats_json(s, PortKind::Remote);
+    if (in.fields()) r["statistics"] = port_stats_json(s, PortKind::Remote);
     json luns = json::array();
     for (uint32_t j = 0; j < rec.child_count; ++j) luns.push_back(lun(in, j));
     r["luns"] = luns;
@@ -127,12 +132,12 @@ json virtual_port(Reader& in, uint32_t want) {
     expect_index(rec.index, want, "virtual-port record", off);
     const port_info p = load_area<port_info>(rec.info);
     const port_stats s = load_area<port_stats>(rec.stats);
-    json v = port_info_json(p, PortKind::Virtual);
+    json v = in.fields() ? port_info_json(p, PortKind::Virtual) : json::object();
     v["offset"] = off;
     v["index"] = rec.index;
     v["remote_count"] = rec.child_count;
     v["parent_index"] = static_cast<uint32_t>(p.port_num);
-    v["statistics"] = port_stats_json(s, PortKind::Virtual);
+    if (in.fields()) v["statistics"] = port_stats_json(s, PortKind::Virtual);
     json remotes = json::array();
     for (uint32_t k = 0; k < rec.child_count; ++k) remotes.push_back(remote(in, k));
     v["remote_ports"] = remotes;
@@ -157,12 +162,12 @@ json port(Reader& in, const std::string& adapter_name, uint32_t port_count, int6
                                              adapter_name + "\"",
                                          off));
     }
-    json j = port_info_json(p, PortKind::Local);
+    json j = in.fields() ? port_info_json(p, PortKind::Local) : json::object();
     j["offset"] = off;
     j["index"] = rec.index;
     j["remote_count"] = rec.remote_count;
     j["vport_count"] = rec.vport_count;
-    j["statistics"] = port_stats_json(s, PortKind::Local);
+    if (in.fields()) j["statistics"] = port_stats_json(s, PortKind::Local);
     json remotes = json::array();
     for (uint32_t r = 0; r < rec.remote_count; ++r) remotes.push_back(remote(in, r));
     j["remote_ports"] = remotes;
@@ -192,7 +197,7 @@ json adapter(Reader& in, std::set<uint32_t>& seen) {
     const adapter_info a = load_area<adapter_info>(rec.info);
     const bool repeat = !seen.insert(rec.index).second;
 
-    json j = adapter_info_json(a);
+    json j = in.fields() ? adapter_info_json(a) : json::object();
     j["offset"] = off;
     j["index"] = rec.index;
     j["port_count"] = rec.port_count;
@@ -277,10 +282,10 @@ void object_text(std::ostringstream& out, const json& obj, int depth) {
 
 DecodeError::DecodeError(std::size_t off, const std::string& what) : std::runtime_error(what), offset(off) {}
 
-json decode_snapshot(const unsigned char* data, std::size_t size) {
+json decode_snapshot(const unsigned char* data, std::size_t size, SnapshotDetail detail) {
     if (data == nullptr && size != 0) throw DecodeError(0, "no stream (null data)");
     static const unsigned char kNothing[1] = {0};
-    Reader in(data != nullptr ? data : kNothing, data != nullptr ? size : 0);
+    Reader in(data != nullptr ? data : kNothing, data != nullptr ? size : 0, detail);
     const uint32_t count = in.take<uint32_t>("the 4-byte header");
     json tree = {{"adapter_count", count}};
     json adapters = json::array();

@@ -67,7 +67,14 @@ struct DecodeError : std::runtime_error {
 // Throws DecodeError naming the byte offset for a truncated or inconsistent
 // stream (the start of the record that cannot be read whole or does not
 // fit); never reads outside [data, data + size).
-nlohmann::json decode_snapshot(const unsigned char* data, std::size_t size);
+//
+// With SnapshotDetail::Layout the tree holds only where each record is and
+// what it contains ("offset", "index", the counts, the child lists,
+// "repeat", "virtual_ports_listed"), for a reader that takes the values
+// from the records at those offsets itself; the stream is checked the same.
+enum class SnapshotDetail { Fields, Layout };
+nlohmann::json decode_snapshot(const unsigned char* data, std::size_t size,
+                               SnapshotDetail detail = SnapshotDetail::Fields);
 
 // The decoded tree as readable text, one line a field, indented by level.
 std::string snapshot_text(const nlohmann::json& tree);

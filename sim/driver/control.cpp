@@ -124,6 +124,15 @@ int tusksim_add_fault(const char* op, uint32_t nth, int status, int every) {
     });
 }
 
+int tusksim_add_hang(const char* op, uint32_t nth, const char* release_file) {
+    const auto which = tusksim::op_by_name(op);
+    if (!which || nth == 0 || release_file == nullptr || release_file[0] == '\0') return -1;
+    return control([&](Driver& d) {
+        d.add_fault(*which, nth, 0, false, release_file);
+        return 0;
+    });
+}
+
 void tusksim_clear_faults(void) {
     control([](Driver& d) { d.clear_faults(); });
 }

@@ -1,5 +1,9 @@
 // The twelve operations of libtuskstor, answered from the fabric in force.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <string>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -19,8 +23,16 @@ namespace {
 
 using namespace tusksim;
 
+// A hung call: waits, without the driver's lock (so that the test can
+// still steer the simulation), until the release file exists.
+void wait_for_release(const std::string& file) {
+    struct stat st;
+    while (stat(file.c_str(), &st) != 0) usleep(10 * 1000);
+}
+
 // Every operation takes the lock, loads the fabric at first use, counts the
-// call and answers an injected fault before doing anything else.
+// call and answers an injected fault before doing anything else; a "hang"
+// fault holds the call until it is released, then lets it do its work.
 template <class Body>
 auto run(Op op, Body&& body) {
     Driver& d = driver();
@@ -29,10 +41,15 @@ auto run(Op op, Body&& body) {
         explicit InFlight(Driver& dr) : d(dr) { d.arrive(); }
         ~InFlight() { d.depart(); }
     } in_flight(d);
-    std::lock_guard<std::mutex> lock(d.mutex());
+    std::unique_lock<std::mutex> lock(d.mutex());
     d.ensure_loaded();
     using Result = decltype(body(d));
-    if (const auto fault = d.enter(op)) return static_cast<Result>(*fault);
+    if (const auto fault = d.enter(op)) {
+        if (fault->hang.empty()) return static_cast<Result>(fault->status);
+        lock.unlock();
+        wait_for_release(fault->hang);
+        lock.lock();
+    }
     return body(d);
 }
 

@@ -40,7 +40,7 @@ void Driver::install(sim::Fabric f, std::string persist_path) {
     faults_.clear();
     for (const auto& fault : fabric_.faults) {
         // The description's operation names were checked when it was read.
-        if (const auto op = op_by_name(fault.op.c_str())) add_fault(*op, fault.nth, fault.status, fault.every);
+        if (const auto op = op_by_name(fault.op.c_str())) add_fault(*op, fault.nth, fault.status, fault.every, fault.hang);
     }
     loaded_ = true;
 }
@@ -127,15 +127,15 @@ int Driver::reread() {
     return kIoError;
 }
 
-std::optional<int> Driver::enter(Op op) {
+std::optional<Driver::Hit> Driver::enter(Op op) {
     ++calls_[static_cast<std::size_t>(op)];
-    std::optional<int> status;
+    std::optional<Hit> hit;
     for (auto& f : faults_) {
         if (f.op != op) continue;
         ++f.seen;
-        if (!status && (f.seen == f.nth || (f.every && f.seen >= f.nth))) status = f.status;
+        if (!hit && (f.seen == f.nth || (f.every && f.seen >= f.nth))) hit = Hit{f.status, f.hang};
     }
-    return status;
+    return hit;
 }
 
 uint64_t Driver::total_calls() const {
@@ -144,8 +144,8 @@ uint64_t Driver::total_calls() const {
     return total;
 }
 
-void Driver::add_fault(Op op, uint32_t nth, int status, bool every) {
-    faults_.push_back(ActiveFault{op, nth, status, every});
+void Driver::add_fault(Op op, uint32_t nth, int status, bool every, std::string hang) {
+    faults_.push_back(ActiveFault{op, nth, status, every, std::move(hang)});
 }
 
 uint32_t Driver::open(uint32_t instance) {

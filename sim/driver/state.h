@@ -70,8 +70,15 @@ public:
     int lock_file(FileLock& lock);
     int reread();
 
-    // Counts a call of op; when a fault hits it, the status to return.
-    std::optional<int> enter(Op op);
+    // What a fault that hits a call asks: return `status` at once, or, with
+    // a release file named, block until that file exists and then answer as
+    // usual.
+    struct Hit {
+        int status = 0;
+        std::string hang;
+    };
+    // Counts a call of op; when a fault hits it, what the fault asks.
+    std::optional<Hit> enter(Op op);
     uint64_t calls(Op op) const { return calls_[static_cast<std::size_t>(op)]; }
     uint64_t total_calls() const;
     void reset_counts() {
@@ -88,7 +95,7 @@ public:
     }
     void depart() { --in_flight_; }
     uint32_t most_in_flight() const { return most_in_flight_.load(); }
-    void add_fault(Op op, uint32_t nth, int status, bool every);
+    void add_fault(Op op, uint32_t nth, int status, bool every, std::string hang = "");
     void clear_faults() { faults_.clear(); }
 
     // Handles: open answers TUSK_INVALID_HANDLE when no adapter has the instance.
@@ -108,6 +115,7 @@ private:
         uint32_t nth;
         int status;
         bool every;
+        std::string hang;
         uint64_t seen = 0;
     };
 

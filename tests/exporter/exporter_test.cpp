@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -26,6 +27,7 @@
 #include <iterator>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -112,6 +114,13 @@ long rss_kib() {
 
 class ExporterTest : public exporter_test::ExporterFixture {
 protected:
+    // The next adapter open blocks until the file returned exists.
+    std::string HangNextOpen() {
+        const std::string release = folder() + "/release";
+        EXPECT_EQ(tusksim_add_hang("open_adapter_str", 1, release.c_str()), 0);
+        return release;
+    }
+
     std::string Scrape(const ServerOptions& o) {
         MvFCoEIni facade;
         Server server(facade, o);
@@ -184,7 +193,6 @@ TEST_F(ExporterTest, LandingPageLinksToTheMetricsAndOtherPathsAre404) {
 
 TEST_F(ExporterTest, ConcurrentScrapesNeverEnterTheLibraryTogether) {
     ServerOptions o = Options();
-    o.threads = 8;
     MvFCoEIni facade;
     Server server(facade, o);
     // Warm up, then measure.
@@ -316,6 +324,234 @@ TEST_F(ExporterTest, APortWithManyRemotePortsAndAVirtualPortScrapesWellWithinTen
     int rports = 0;
     for (std::size_t at = 0; (at = a.body.find("\nmirvak_rport_info{", at)) != std::string::npos; ++at) ++rports;
     EXPECT_EQ(rports, 36 + 36);
+}
+
+// The system's series of one reading, one line each, sorted (the exporter's
+// own series, which count requests and time, left out).
+std::vector<std::string> SystemSeries(const mv::exporter::Reading& r) {
+    std::vector<std::string> out;
+    std::istringstream in(mv::exporter::exposition(r.families));
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line[0] != '#') out.push_back(line);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+struct Readings {
+    std::vector<std::string> snapshot, per_object;
+    uint64_t snapshot_requests = 0, per_object_requests = 0;  // requests to the library each made
+};
+
+uint64_t Requests(const mv::exporter::Reading& r) {
+    uint64_t n = 0;
+    for (const auto& [code, count] : r.results) n += count;
+    return n;
+}
+
+Readings BothReadings(bool luns = true) {
+    Readings out;
+    MvFCoEIni facade;
+    mv::exporter::CollectOptions o;
+    o.luns = luns;
+    const mv::exporter::Reading a = mv::exporter::collect_system(facade, o);
+    out.snapshot = SystemSeries(a);
+    out.snapshot_requests = Requests(a);
+    o.snapshot = false;
+    const mv::exporter::Reading b = mv::exporter::collect_system(facade, o);
+    out.per_object = SystemSeries(b);
+    out.per_object_requests = Requests(b);
+    return out;
+}
+
+TEST_F(ExporterTest, TheSnapshotReadingGivesThePerObjectSeriesOnTheDefaultFabric) {
+    // Offline ports, a remote port that is gone, virtual ports, remote ports
+    // without LUNs: every place where the snapshot leaves something out.
+    for (const bool luns : {true, false}) {
+        const Readings r = BothReadings(luns);
+        ASSERT_GT(r.per_object.size(), 100u);
+        EXPECT_EQ(r.snapshot, r.per_object) << "luns " << luns;
+        EXPECT_LT(r.snapshot_requests, r.per_object_requests) << "the snapshot reading asked object by object";
+    }
+}
+
+struct Shape {
+    const char* name;
+    sim::ScaleParams p;  // adapters, ports, virtual ports per port, targets per local port, LUNs per target
+    bool snapshot_used;  // false: the snapshot would pause, the reading is per object
+};
+
+class GeneratedFabricReading : public ExporterTest, public ::testing::WithParamInterface<Shape> {};
+
+TEST_P(GeneratedFabricReading, TheSnapshotReadingGivesThePerObjectSeries) {
+    const Shape& shape = GetParam();
+    UseFabric(sim::scale_fabric_json(shape.p).dump());
+    const Readings r = BothReadings();
+    const sim::ScaleCounts c = sim::scale_counts(shape.p);
+    EXPECT_GE(r.per_object.size(), c.physical_ports + c.virtual_ports + c.targets + c.luns);
+    EXPECT_EQ(r.snapshot, r.per_object);
+    if (shape.snapshot_used) {
+        EXPECT_LT(r.snapshot_requests, r.per_object_requests) << "the snapshot reading asked object by object";
+    } else {
+        EXPECT_EQ(r.snapshot_requests, r.per_object_requests) << "the reading took the snapshot that pauses";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Shapes, GeneratedFabricReading,
+    ::testing::Values(Shape{"small", {1, 1, 0, 2, 2}, true}, Shape{"small_with_virtual_ports", {1, 1, 1, 2, 2}, true},
+                      Shape{"medium", {2, 2, 0, 8, 2}, true},
+                      Shape{"medium_with_virtual_ports", {2, 2, 2, 4, 2}, true},
+                      Shape{"many_remote_ports_no_virtual_port", {1, 1, 0, 40, 1}, true},
+                      Shape{"the_snapshots_pause", {1, 1, 1, 36, 1}, false}),
+    [](const ::testing::TestParamInfo<Shape>& i) { return std::string(i.param.name); });
+
+// The value of a series without labels, or NaN.
+double plain_value(const std::string& text, const std::string& name) {
+    const std::string key = "\n" + name + " ";
+    const std::size_t at = text.find(key);
+    if (at == std::string::npos) return std::nan("");
+    return std::strtod(text.c_str() + at + key.size(), nullptr);
+}
+
+double SecondsSince(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+TEST_F(ExporterTest, AScrapeAnswersWithinItsTimeoutWhileADriverCallHangsAndFreshAfterwards) {
+    ServerOptions o = Options();
+    MvFCoEIni facade;
+    Server server(facade, o);
+    const testenv::HttpAnswer before = testenv::HttpGet(PortOf(o), "/metrics");
+    ASSERT_EQ(before.status, 200);
+    EXPECT_EQ(plain_value(before.body, "mirvak_exporter_collection_stalled"), 0);
+
+    const std::string release = HangNextOpen();
+    const std::string announce = "X-Prometheus-Scrape-Timeout-Seconds: 4\r\n";
+    for (int i = 0; i < 2; ++i) {
+        const auto start = Clock::now();
+        const testenv::HttpAnswer stuck = testenv::HttpGet(PortOf(o), "/metrics", announce);
+        const double seconds = SecondsSince(start);
+        EXPECT_EQ(stuck.status, 200);
+        EXPECT_LT(seconds, 4.0) << "the scrape waited past the timeout it announced";
+        // The last complete reading, marked stalled and as old as it is.
+        EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_collection_stalled"), 1);
+        EXPECT_GE(plain_value(stuck.body, "mirvak_exporter_reading_age_seconds"), 3.0);
+        EXPECT_EQ(value_of(stuck.body, "mirvak_adapter_up", {"adapter=\"/dev/tuskstor1\""}), 1);
+        EXPECT_GT(samples(stuck.body), 100);
+    }
+    EXPECT_EQ(testenv::HttpGet(PortOf(o), "/").status, 200) << "the landing page waits for the driver";
+    EXPECT_EQ(server.readings(), 1u);
+
+    write_file(release, "");
+    const testenv::HttpAnswer after = testenv::HttpGet(PortOf(o), "/metrics", announce);
+    EXPECT_EQ(after.status, 200);
+    EXPECT_EQ(plain_value(after.body, "mirvak_exporter_collection_stalled"), 0);
+    EXPECT_LT(plain_value(after.body, "mirvak_exporter_reading_age_seconds"), 3.0);
+    EXPECT_GE(server.readings(), 2u);
+    EXPECT_EQ(tusksim_most_in_flight(), 1u);
+}
+
+TEST_F(ExporterTest, WithoutATimeoutHeaderAScrapeWaitsTheScrapeTimeout) {
+    ServerOptions o = Options();
+    o.scrape_timeout = std::chrono::milliseconds(1500);
+    MvFCoEIni facade;
+    Server server(facade, o);
+    const std::string release = HangNextOpen();
+    // No reading completed yet: the exporter's own series say so.
+    const auto start = Clock::now();
+    const testenv::HttpAnswer stuck = testenv::HttpGet(PortOf(o), "/metrics");
+    const double seconds = SecondsSince(start);
+    EXPECT_EQ(stuck.status, 200);
+    EXPECT_GE(seconds, 1.4);
+    EXPECT_LT(seconds, 10.0);
+    EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_collection_stalled"), 1);
+    EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_last_scrape_success"), 0);
+    EXPECT_EQ(stuck.body.find("mirvak_adapter_"), std::string::npos);
+    EXPECT_EQ(stuck.body.find("mirvak_exporter_reading_age_seconds"), std::string::npos);
+    write_file(release, "");
+    const testenv::HttpAnswer after = testenv::HttpGet(PortOf(o), "/metrics");
+    EXPECT_EQ(value_of(after.body, "mirvak_adapter_up", {"adapter=\"/dev/tuskstor1\""}), 1);
+    EXPECT_EQ(plain_value(after.body, "mirvak_exporter_collection_stalled"), 0);
+}
+
+// The exporter program on the simulated host, started by the test: its
+// pid, its port, where its messages go.
+struct ExporterProcess {
+    pid_t pid = -1;
+    int port = -1;
+    std::string log;
+};
+
+ExporterProcess StartExporter(const std::string& dir, const std::string& fabric_file) {
+    ExporterProcess p;
+    p.port = testenv::FreePort();
+    p.log = dir + "/exporter.log";
+    // This process's environment (MIRVAK_SIM_ROOT names the host), the
+    // redirector preloaded, and the sanitizer, if any, told that the
+    // redirector (built without it) comes first.
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    p.pid = testenv::StartProcess(
+        {MIRVAK_EXPORTER_PROGRAM, "--web.listen-address=127.0.0.1:" + std::to_string(p.port)}, p.log,
+        {std::string("LD_PRELOAD=") + MIRVAK_SIMHOST_PRELOAD, "MIRVAK_SIM_FABRIC=" + fabric_file,
+         "ASAN_OPTIONS=" + std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0"});
+    // Until it answers (at most 30 s).
+    for (int i = 0; i < 300 && p.pid > 0; ++i) {
+        if (testenv::HttpGet(p.port, "/", "", 2).status == 200) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return p;
+}
+
+// The default fabric with these faults, in a file.
+std::string FabricFile(const std::string& dir, const nlohmann::json& faults) {
+    nlohmann::json j = nlohmann::json::parse(sim::default_fabric_text());
+    j["faults"] = faults;
+    const std::string file = dir + "/fabric.json";
+    write_file(file, j.dump());
+    return file;
+}
+
+TEST_F(ExporterTest, SigtermEndsTheExporterWithinFiveSecondsWhileADriverCallHangs) {
+    const std::string dir = folder();
+    const std::string never = dir + "/never-released";
+    ExporterProcess p = StartExporter(dir, FabricFile(dir, {{{"op", "open_adapter_str"}, {"hang", never}}}));
+    ASSERT_GT(p.pid, 0);
+    const testenv::HttpAnswer stuck =
+        testenv::HttpGet(p.port, "/metrics", "X-Prometheus-Scrape-Timeout-Seconds: 2\r\n");
+    ASSERT_EQ(stuck.status, 200) << slurp(p.log);
+    EXPECT_EQ(plain_value(stuck.body, "mirvak_exporter_collection_stalled"), 1);
+
+    ASSERT_EQ(kill(p.pid, SIGTERM), 0);
+    const auto start = Clock::now();
+    int status = 0;
+    pid_t ended = 0;
+    while (ended == 0 && SecondsSince(start) < 5.0) {
+        ended = waitpid(p.pid, &status, WNOHANG);
+        if (ended == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(ended, p.pid) << "still running 5 s after SIGTERM";
+    if (ended != p.pid) {
+        testenv::StopProcess(p.pid);
+        return;
+    }
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_NE(slurp(p.log).find("stopping (signal 15)"), std::string::npos) << slurp(p.log);
+}
+
+TEST_F(ExporterTest, SighupLeavesTheExporterServing) {
+    const std::string dir = folder();
+    ExporterProcess p = StartExporter(dir, FabricFile(dir, nlohmann::json::array()));
+    ASSERT_GT(p.pid, 0);
+    ASSERT_EQ(testenv::HttpGet(p.port, "/metrics").status, 200) << slurp(p.log);
+    ASSERT_EQ(kill(p.pid, SIGHUP), 0);
+    // Its note that it took the signal, then a scrape as before.
+    for (int i = 0; i < 100 && slurp(p.log).find("SIGHUP") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_NE(slurp(p.log).find("SIGHUP"), std::string::npos) << slurp(p.log);
+    const testenv::HttpAnswer a = testenv::HttpGet(p.port, "/metrics");
+    EXPECT_EQ(a.status, 200);
+    EXPECT_EQ(value_of(a.body, "mirvak_adapter_up", {"adapter=\"/dev/tuskstor4\""}), 1);
+    EXPECT_EQ(waitpid(p.pid, nullptr, WNOHANG), 0) << "SIGHUP ended the exporter";
+    testenv::StopProcess(p.pid);
 }
 
 TEST_F(ExporterTest, BasicAuthenticationRefusesWrongAndMissingCredentials) {

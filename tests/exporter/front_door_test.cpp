@@ -281,7 +281,6 @@ TEST_F(FrontDoorTest, OneClientAddressGetsNoMoreThanItsShareOfConnections) {
 
 TEST_F(FrontDoorTest, ConnectionsBeyondTheLimitInAllWaitUntilOneEnds) {
     ServerOptions o = Options();
-    o.threads = 1;
     o.limits.max_connections = 3;
     MvFCoEIni facade;
     Server server(facade, o);

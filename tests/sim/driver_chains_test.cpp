@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fabric.h"
@@ -568,6 +571,66 @@ TEST_F(DriverTest, FaultsOfTheDescriptionAreLoadedWithIt) {
     EXPECT_EQ(tusk_get_lnode_info(h, &n, 0), 0);
     EXPECT_EQ(tusk_get_fcf_info(h, &f, 0xFFFFFFFFu), -4);
     EXPECT_EQ(tusk_get_fcf_info(h, &f, 0xFFFFFFFFu), -4);
+}
+
+// A release file in a fresh folder; the folder is removed with it.
+struct ReleaseFile {
+    std::string dir, path;
+    ReleaseFile() {
+        char tmpl[] = "/tmp/mirvak-hang-XXXXXX";
+        dir = mkdtemp(tmpl) != nullptr ? tmpl : "/tmp";
+        path = dir + "/release";
+    }
+    ~ReleaseFile() {
+        unlink(path.c_str());
+        rmdir(dir.c_str());
+    }
+    void Release() const { std::ofstream(path) << ""; }
+};
+
+TEST_F(DriverTest, AHangBlocksTheCallUntilReleasedThenItDoesItsWork) {
+    const uint32_t h = Open();
+    const ReleaseFile release;
+    ASSERT_EQ(tusksim_add_hang("tusk_get_hw_info", 2, release.path.c_str()), 0);
+    hw_info hw;
+    EXPECT_EQ(tusk_get_hw_info(h, &hw), 0);  // the first call is not the one
+    std::atomic<bool> returned{false};
+    int status = -1;
+    hw_info hung;
+    std::memset(&hung, 0xA5, sizeof hung);
+    std::thread caller([&] {
+        status = tusk_get_hw_info(h, &hung);
+        returned = true;
+    });
+    // Still blocked a moment later, while the control functions answer.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(returned.load());
+    EXPECT_EQ(tusksim_call_count("tusk_get_hw_info"), 2u);
+    release.Release();
+    caller.join();
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(AllBytes(hung, 0xA5)) << "the released call did not fill the record";
+    EXPECT_EQ(tusk_get_hw_info(h, &hw), 0);
+}
+
+TEST_F(DriverTest, AHangNeedsAKnownOperationANthAndAFile) {
+    EXPECT_EQ(tusksim_add_hang("tusk_frobnicate", 1, "/tmp/x"), -1);
+    EXPECT_EQ(tusksim_add_hang("close_adapter", 0, "/tmp/x"), -1);
+    EXPECT_EQ(tusksim_add_hang("close_adapter", 1, ""), -1);
+    EXPECT_EQ(tusksim_add_hang("close_adapter", 1, nullptr), -1);
+}
+
+TEST_F(DriverTest, AHangOfTheDescriptionIsLoadedWithIt) {
+    const ReleaseFile release;
+    release.Release();  // released before the call: it goes through at once
+    Load(R"({"adapters":[{"instance":3}], "faults":[{"op":"tusk_probe_adapter","hang":")" + release.path +
+         R"("}]})");
+    EXPECT_EQ(tusk_probe_adapter(Open()), 0);
+    const sim::Fabric f = sim::parse_fabric_text(
+        R"({"faults":[{"op":"tusk_probe_adapter","hang":"/run/release"}]})", "test");
+    ASSERT_EQ(f.faults.size(), 1u);
+    EXPECT_EQ(f.faults[0].hang, "/run/release");
+    EXPECT_EQ(sim::parse_fabric_text(sim::fabric_to_json(f).dump(), "round trip"), f);
 }
 
 TEST_F(DriverTest, LoadingReplacesTheFaultsInForce) {

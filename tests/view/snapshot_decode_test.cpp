@@ -232,6 +232,35 @@ TEST(SnapshotDecode, WalksTheRecordsByTheirCounts) {
     EXPECT_EQ(v["remote_ports"][0]["luns"][0]["device"], "/dev/sdd");
 }
 
+// The layout alone: every record's place and counts as the full tree has
+// them, and none of its fields.
+json Layout(const json& full, bool top = true) {
+    static const std::set<std::string> kLayout = {
+        "offset", "index", "port_count", "ports_present", "repeat", "remote_count", "vport_count", "lun_count",
+        "parent_index", "virtual_ports_listed", "ports", "remote_ports", "virtual_ports", "luns", "adapters"};
+    if (full.is_array()) {
+        json out = json::array();
+        for (const json& e : full) out.push_back(Layout(e, false));
+        return out;
+    }
+    json out = json::object();
+    for (auto it = full.begin(); it != full.end(); ++it) {
+        const bool stream = top && (it.key() == "adapter_count" || it.key() == "adapter_records" || it.key() == "size");
+        if (stream || kLayout.count(it.key()) != 0)
+            out[it.key()] = it.value().is_structured() ? Layout(it.value(), false) : it.value();
+    }
+    return out;
+}
+
+TEST(SnapshotDecode, TheLayoutAloneIsTheFullTreeWithoutTheFields) {
+    const Bytes s = Sample();
+    const json layout = decode_snapshot(s.data(), s.size(), mv::tool::SnapshotDetail::Layout);
+    EXPECT_EQ(layout, Layout(Decode(s)));
+    EXPECT_FALSE(layout["adapters"][0].contains("model"));
+    EXPECT_FALSE(layout["adapters"][0]["ports"][0].contains("statistics"));
+    EXPECT_EQ(layout["adapters"][0]["ports"][0]["offset"], 4 + 5368);
+}
+
 TEST(SnapshotDecode, TextShowsEveryLevelIndented) {
     const std::string text = snapshot_text(Decode(Sample()));
     EXPECT_NE(text.find("adapter_count: 1\n"), std::string::npos);
