@@ -329,7 +329,12 @@ std::unique_ptr<HttpServer::Daemon> HttpServer::start(const HttpSecurity& securi
     // simply returns. What bounds the threads bounds the connections: the
     // limits in all and per client, and the request deadline (the reaper
     // below), so a slow client holds its thread for at most that long.
-    unsigned flags = MHD_USE_AUTO | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC |
+    // The threads wait with select(), not poll(): only then does the
+    // listening thread stop accepting at the connection limit (with poll()
+    // it accepts and closes), so that more connections wait in the
+    // listening queue. select() takes descriptors below FD_SETSIZE (1024),
+    // hence the cap on --web.max-connections (kMaxConnectionsCap).
+    unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ITC |
                      MHD_USE_ERROR_LOG;
     if (security.tls()) {
         flags |= MHD_USE_TLS;

@@ -38,6 +38,11 @@
 
 namespace mv::exporter {
 
+// The most connections there may be at once: each connection's thread
+// waits on its socket with select(), which takes descriptors below 1024,
+// and the process keeps a few dozen of its own.
+constexpr unsigned kMaxConnectionsCap = 960;
+
 struct HttpLimits {
     unsigned max_connections = 256;
     unsigned max_connections_per_client = 16;

@@ -196,13 +196,14 @@ void define_flags(CLI::App& app, mv::exporter::ServerOptions& options, Flags& f)
                    "users with bcrypt hashes, answer headers; re-read on SIGHUP. Default: web.yml in "
                    "$CREDENTIALS_DIRECTORY when systemd hands one over");
     app.add_option("--web.max-connections", options.limits.max_connections,
-                   "Connections open at once, in all (more wait in the listening queue until one ends)")
+                   "Connections open at once, in all, at most 960 (more wait in the listening queue until one "
+                   "ends)")
         ->capture_default_str()
-        ->check(CLI::Range(1u, 65536u));
+        ->check(CLI::Range(1u, mv::exporter::kMaxConnectionsCap));
     app.add_option("--web.max-connections-per-client", options.limits.max_connections_per_client,
                    "Connections open at once from one client address (more are closed at once)")
         ->capture_default_str()
-        ->check(CLI::Range(1u, 65536u));
+        ->check(CLI::Range(1u, mv::exporter::kMaxConnectionsCap));
     app.add_option("--web.request-timeout", f.request_timeout,
                    "Time a client has to send a whole request, TLS handshake and headers included, from connecting "
                    "or from its previous answer (e.g. 10s, 500ms); also the longest an answer may stall")
