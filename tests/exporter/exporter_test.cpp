@@ -449,6 +449,45 @@ TEST_F(ExporterTest, AScrapeAnswersWithinItsTimeoutWhileADriverCallHangsAndFresh
     EXPECT_EQ(tusksim_most_in_flight(), 1u);
 }
 
+// A scrape waiting for its reading behind a hung driver call holds up no
+// other connection: the landing page and a scrape with a short timeout are
+// answered while it still waits, and it gets the fresh reading once the
+// driver call returns.
+TEST_F(ExporterTest, WhileAScrapeWaitsBehindAHungDriverCallOtherConnectionsAreAnswered) {
+    ServerOptions o = Options();
+    MvFCoEIni facade;
+    Server server(facade, o);
+    ASSERT_EQ(testenv::HttpGet(PortOf(o), "/metrics").status, 200);
+    tusksim_reset_counts();
+    const std::string release = HangNextOpen();
+    std::atomic<bool> done{false};
+    testenv::HttpAnswer waiting;
+    std::thread scrape([&] {
+        waiting = testenv::HttpGet(PortOf(o), "/metrics", "X-Prometheus-Scrape-Timeout-Seconds: 60\r\n", 90);
+        done = true;
+    });
+    // Until the collector is in the hung call (at most 10 s).
+    for (int i = 0; i < 100 && tusksim_call_count("open_adapter_str") == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(testenv::HttpGet(PortOf(o), "/").status, 200);
+    const testenv::HttpAnswer other =
+        testenv::HttpGet(PortOf(o), "/metrics", "X-Prometheus-Scrape-Timeout-Seconds: 2\r\n");
+    EXPECT_EQ(other.status, 200);
+    // (The last complete reading; not marked stalled, as the reading that
+    // runs is still within the deadline of the scrape that asked for it.)
+    EXPECT_EQ(value_of(other.body, "mirvak_adapter_up", {"adapter=\"/dev/tuskstor1\""}), 1);
+    EXPECT_EQ(plain_value(other.body, "mirvak_exporter_collection_stalled"), 0);
+    EXPECT_FALSE(done.load()) << "the first scrape was answered before the driver call returned";
+
+    write_file(release, "");
+    scrape.join();
+    EXPECT_EQ(waiting.status, 200);
+    EXPECT_EQ(plain_value(waiting.body, "mirvak_exporter_collection_stalled"), 0);
+    EXPECT_EQ(server.readings(), 2u);
+}
+
 TEST_F(ExporterTest, WithoutATimeoutHeaderAScrapeWaitsTheScrapeTimeout) {
     ServerOptions o = Options();
     o.scrape_timeout = std::chrono::milliseconds(1500);
