@@ -6,8 +6,6 @@
 // bounded, and both are stopped by their process ids.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -30,8 +28,6 @@
 #include "sysfs_gen.h"
 #include "temp_dir.h"
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -45,26 +41,6 @@ std::string slurp(const std::string& path) {
     return s.str();
 }
 
-// Starts argv with these variables added to the environment, its output
-// into log; the process id, -1 when it could not be started.
-pid_t Start(const std::vector<std::string>& argv, const std::vector<std::string>& env_added, const std::string& log) {
-    std::vector<std::string> env(env_added);
-    for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);  // the first of a name wins
-    std::vector<char*> args, envp;
-    for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
-    for (const std::string& s : env) envp.push_back(const_cast<char*>(s.c_str()));
-    args.push_back(nullptr);
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), envp.data()) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
-}
 
 class RulesInPrometheus : public ::testing::Test {
 protected:
@@ -112,12 +88,13 @@ TEST_F(RulesInPrometheus, DefaultFabricsDownPortsArePendingAndCountsAreItsOwn) {
     // As mirvak-simhost runs a command; in a sanitizer build the sanitizer
     // is told that the preloaded redirector (built without it) comes first.
     const char* asan = std::getenv("ASAN_OPTIONS");
-    exporter_ = Start({MIRVAK_EXPORTER_PROGRAM, "--web.listen-address=127.0.0.1:" + std::to_string(exporter_port)},
-                      {"MIRVAK_SIM_ROOT=" + root, std::string("LD_PRELOAD=") + MIRVAK_SIM_PRELOAD,
-                       "LD_LIBRARY_PATH=" + fs::path(MIRVAK_SIM_DRIVER).parent_path().string(),
-                       "ASAN_OPTIONS=" + std::string(asan != nullptr && asan[0] != '\0' ? std::string(asan) + ":" : "") +
-                           "verify_asan_link_order=0"},
-                      dir_.path() + "/exporter.log");
+    exporter_ = testenv::StartProcess(
+        {MIRVAK_EXPORTER_PROGRAM, "--web.listen-address=127.0.0.1:" + std::to_string(exporter_port)},
+        dir_.path() + "/exporter.log",
+        {"MIRVAK_SIM_ROOT=" + root, std::string("LD_PRELOAD=") + MIRVAK_SIM_PRELOAD,
+         "LD_LIBRARY_PATH=" + fs::path(MIRVAK_SIM_DRIVER).parent_path().string(),
+         "ASAN_OPTIONS=" + std::string(asan != nullptr && asan[0] != '\0' ? std::string(asan) + ":" : "") +
+             "verify_asan_link_order=0"});
     ASSERT_GT(exporter_, 0);
 
     prom_port_ = testenv::FreePort();
@@ -127,10 +104,11 @@ TEST_F(RulesInPrometheus, DefaultFabricsDownPortsArePendingAndCountsAreItsOwn) {
            "rule_files:\n  - " MIRVAK_ALERT_RULES "\n  - " MIRVAK_RECORDING_RULES "\n"
            "scrape_configs:\n  - job_name: mirvak-hba\n    static_configs:\n      - targets: ['127.0.0.1:"
         << exporter_port << "']\n";
-    prometheus_ = Start({"prometheus", "--config.file=" + dir_.path() + "/prometheus.yml",
-                         "--storage.tsdb.path=" + dir_.path() + "/data",
-                         "--web.listen-address=127.0.0.1:" + std::to_string(prom_port_), "--log.level=warn"},
-                        {}, dir_.path() + "/prometheus.log");
+    prometheus_ = testenv::StartProcess({"prometheus", "--config.file=" + dir_.path() + "/prometheus.yml",
+                                        "--storage.tsdb.path=" + dir_.path() + "/data",
+                                        "--web.listen-address=127.0.0.1:" + std::to_string(prom_port_),
+                                        "--log.level=warn"},
+                                       dir_.path() + "/prometheus.log");
     ASSERT_GT(prometheus_, 0);
 
     // The fabric's own: ports 1 (offline) and 2 (link down) of instance 4,
