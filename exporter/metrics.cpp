@@ -11,6 +11,7 @@
 
 #include "mirvak/mv_fcoe_ini.h"
 #include "mirvak/snapshot_records.h"
+#include "facade/keys.h"
 #include "hex_text.h"
 #include "port_names.h"
 #include "records.h"
@@ -93,26 +94,6 @@ struct FreeDeleter {
 };
 template <class T>
 using Malloced = std::unique_ptr<T, FreeDeleter>;
-
-// The facade's keys, zeroed and named.
-port_info port_key(const std::string& adapter, uint32_t port) {
-    port_info k;
-    std::memset(&k, 0, sizeof k);
-    std::snprintf(k.adapter_name, sizeof k.adapter_name, "%s", adapter.c_str());
-    k.port_num = port;
-    return k;
-}
-vport_in vport_key(const std::string& adapter, uint32_t port, uint32_t rport, const uint8_t* local,
-                   const uint8_t* remote) {
-    vport_in k;
-    std::memset(&k, 0, sizeof k);
-    std::snprintf(k.adapter_name, sizeof k.adapter_name, "%s", adapter.c_str());
-    k.port_num = static_cast<uint16_t>(port);
-    k.rport_index = static_cast<uint16_t>(rport);
-    if (local != nullptr) std::memcpy(k.vport_wwpn, local, sizeof k.vport_wwpn);
-    if (remote != nullptr) std::memcpy(k.rport_wwpn, remote, sizeof k.rport_wwpn);
-    return k;
-}
 
 // Above this many discovered ports, a port with virtual ports makes the
 // whole-system snapshot pause five seconds before its remote ports.
@@ -288,7 +269,7 @@ private:
         const std::size_t room = std::max<std::size_t>(reported, 256);
         Malloced<port_info> list(static_cast<port_info*>(std::calloc(room, sizeof(port_info))));
         if (!list) return FCOE_ERR_NO_MEMORY;
-        port_info key = port_key(adapter, 0);
+        port_info key = mv::facade::port_key(adapter, 0);
         unsigned int size = 0;
         // Every port, each with its own standard attributes (state, speed,
         // OS device name) read one by one.
@@ -448,7 +429,7 @@ private:
         add("mirvak_rport_info", info, 1);
         add("mirvak_rport_state", labels, a.PortState);
 
-        vport_in key = vport_key(adapter, port, index, local, a.PortWWN.wwn);
+        vport_in key = mv::facade::vport_key(adapter, port, 0, index, local, a.PortWWN.wwn);
         port_stats s;
         std::memset(&s, 0, sizeof s);
         int rc = FCOE_OK;
@@ -517,7 +498,7 @@ private:
         // By the port's WWPN the facade writes into the block given, taken
         // to hold 256 KiB, and grows it with realloc when the answer needs
         // more.
-        port_info key = port_key(adapter, port);
+        port_info key = mv::facade::port_key(adapter, port);
         std::memcpy(key.attributes.PortWWN.wwn, wwpn, 8);
         constexpr std::size_t kAgentBlock = 0x40000;
         char* block = static_cast<char*>(std::malloc(kAgentBlock));
@@ -539,7 +520,7 @@ private:
     }
 
     void virtual_ports(const std::string& adapter, uint32_t port, const Labels& parent) {
-        port_info key = port_key(adapter, port);
+        port_info key = mv::facade::port_key(adapter, port);
         char* block = nullptr;
         unsigned int size = 0;
         const int rc = note(facade_.GetVirPortForPort(&key, &block, &size));
@@ -577,7 +558,7 @@ private:
         std::memcpy(wwpn, vp.attributes.PortWWN.wwn, sizeof wwpn);
         const Labels labels = vport_head(vp, parent);
 
-        vport_in key = vport_key(adapter, port, 0, wwpn, nullptr);
+        vport_in key = mv::facade::vport_key(adapter, port, 0, 0, wwpn);
         port_stats s;
         std::memset(&s, 0, sizeof s);
         unsigned int size = 0;
